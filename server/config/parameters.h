@@ -1,0 +1,187 @@
+// Parameters: the process-wide settings-and-state singleton. It holds every tunable number
+// and text of the daemon (read once from the settings file, changed later only by control
+// commands), the runtime flags shared between the control handlers and the workers, the
+// UID lists, the interface list and the interface registry.
+#pragma once
+
+#include <stdint.h>
+#include <stdio.h>
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "config/interface_info.h"
+
+// Guards Parameters::m_interfaceInfoMap and the records in it (a reader holds it for as
+// long as it uses a record: removal frees the record at once).
+//
+// Lock order of the whole daemon, outermost first:
+//   a monitor's own mutex, then interfaceMutex, then slaStatsMutex, then iptablesMutex;
+//   the selection (SLS) mutex also comes after interfaceMutex.
+// No lock is held while calling into code that takes a lock earlier in this order.
+extern std::mutex interfaceMutex;
+
+// Numeric settings slots, read with Parameters::get. Slots 11 to 28 are reserved.
+enum OperId : int32_t {
+    SLA_ENABLED = 0,
+    WIFI_THRESHOLD = 1,
+    WAN_THRESHOLD = 2,
+    MINI_EST_INTERVAL = 3,
+    MINI_STALE_INTERVAL = 4,
+    IDEAL_EST_WINDOW = 5,
+    MINI_RATE_WINDOW = 6,
+    CELLULAR_SOCK_ASSIGN_RATE = 7,
+    SOCK_ACTIVE_TIME = 8,
+    SOCK_STALE_TIME = 9,
+    UPDATE_PM_FREQ = 10,
+    OPER_ID_LAST = 28,
+};
+
+class Parameters {
+public:
+    static constexpr int kSettingSlots = 29;
+    static constexpr int kMaxInterfaces = 4;
+    static constexpr const char* kConfFile = "/vendor/etc/sla/vekt.conf";
+    static constexpr const char* kEnableProperty = "vendor.sla.enabled";
+
+    // Creates the singleton on first use (on the main thread, before other threads).
+    static Parameters* instance();
+    // Test-only: drops the singleton so the next instance() builds a fresh one.
+    static void destroyInstanceForTest();
+
+    // ---- settings ----
+    void init();
+    void readVektConfFile(const char* path);
+    void fromVector(const std::vector<std::string>& lines);
+    static std::string& trim(std::string& s);
+    int setValue(const char* key, const char* value);
+    int32_t get(OperId id) const;
+    int32_t getSLAVendorProp();
+    // "protocols=<list>" and "ports=<list>", bounded by size; return buf.
+    char* getStatsProtocols(char* buf, size_t size) const;
+    char* getStatsPorts(char* buf, size_t size) const;
+
+    // ---- flags ----
+    int isGamingRunning() const { return m_gamingRunning.load(); }
+    void setGamingRunning(int value) { m_gamingRunning.store(value); }
+    bool isServiceHighRtt() const { return m_serviceHighRtt.load(); }
+    void setServiceHighRtt(bool value) { m_serviceHighRtt.store(value); }
+    bool isGamingAiModeCheckRtt() const { return m_gamingAiModeCheckRtt.load(); }
+    void setGamingAiModeCheckRtt(bool value) { m_gamingAiModeCheckRtt.store(value); }
+    bool isVoipRunning() const { return m_voipRunning.load(); }
+    void setVoipRunning(bool value) { m_voipRunning.store(value); }
+    bool isGamingConnectStatus() const { return m_gamingConnectStatus.load(); }
+    void setGamingConnectStatus(bool value) { m_gamingConnectStatus.store(value); }
+    bool isDWMonitorStatus() const { return m_dwMonitorStatus.load(); }
+    void setDWMonitorStatus(bool value) { m_dwMonitorStatus.store(value); }
+    int getDoubleWifiSelectStatus() const { return m_doubleWifiSelectStatus.load(); }
+    void setDoubleWifiSelectStatus(int value);
+    const std::string& getGamingUids() const { return m_gamingUids; }
+    void setGamingRttServer(const char* server);
+
+    // ---- UID lists ----
+    void setuidwhitelist(const char* text);
+    void setDWUidWhitelist(const char* text);
+    void setDDUidWhitelist(const char* text);
+    void setGamingUids(const char* text);
+    void populateSlaUidWhitelist();
+    void populateDWUidWhitelist();
+    void populateDDUidWhitelist();
+    void populateGamingUids();
+
+    // ---- interface registry and mark pool ----
+    void initValidInterfaceMark();
+    std::string getValidInterfaceMark(const char* name);
+    void releaseValidInterfaceMark(const char* name);
+    std::string getMeteredInterfaceSlaveStatus();
+    InterfaceInfo_t* parseInterfaceParams(const std::string& params);
+    int validateInterfaceParams(InterfaceInfo_t* info);
+    int addNewInterfacetoMap(InterfaceInfo_t* info);
+    int delOldInterfacetoMap(const char* name);
+
+    // ---- interface list and link state ----
+    void UpdateInterface(const char* name, bool add);
+    void populatIfaceslist(const char* names);
+    void UpdateInterfaceMode(const char* mode);
+    void UpdateInterfaceBssid(const char* text);
+    void populateWifiGateway(const char* text);
+
+    // ---- state (names as the rest of the daemon knows them) ----
+    // Lists are written on the control-socket thread only.
+    std::vector<std::string> m_gamingUidList;
+    std::vector<std::string> m_slaUidList;
+    std::vector<std::string> m_dwUidList;
+    std::vector<std::string> m_ddUidList;
+    std::vector<std::string> m_ifaceList;
+    std::vector<std::string> m_wifiGatewayList;
+    std::map<std::string, InterfaceInfo_t*> m_interfaceInfoMap;  // guarded by interfaceMutex
+
+    std::string m_protocols;
+    std::string m_ports;
+    std::atomic<int32_t> m_estimatePackNum{0};
+    std::atomic<int32_t> m_minRatioChange{0};
+    std::atomic<int32_t> m_bestEstCacheSize{0};
+    std::atomic<int32_t> m_initWwanPercentage{0};
+
+    std::string m_gamingUids;
+    std::string m_rttServer;
+    std::atomic<int32_t> m_rttServerPort{0};
+
+    // RTT block
+    std::atomic<int32_t> m_pingPeriodMs{0};
+    std::atomic<int32_t> m_rttNoResponseTimeoutMs{0};
+    std::atomic<int32_t> m_rttHist{0};
+    std::atomic<int32_t> m_rttW2cThWifiMs{0};
+    std::atomic<int32_t> m_rttW2cThCMs{0};
+    std::atomic<int32_t> m_rttDeltaMs{0};
+    std::atomic<int32_t> m_rttC2wThWifiMs{0};
+    std::atomic<int32_t> m_rttC2wThWifiMinMs{0};
+    std::atomic<int32_t> m_rttC2wThCMs{0};
+    std::atomic<int32_t> m_tHystS{0};
+    std::atomic<int32_t> m_minGamePingTimes{0};
+    std::atomic<int32_t> maxPingMiss{0};  // misses before a link counts as failed
+    // probing block
+    std::atomic<int32_t> m_pingIntervalMs{0};
+    std::atomic<int32_t> m_alphaPercent{0};
+    std::atomic<int32_t> m_nHyst{0};
+    std::atomic<int32_t> m_rttMinCapMs{0};
+    std::atomic<int32_t> m_gamingPollFreqCnt{0};
+
+    std::string m_gamingWhiteList;
+    std::string m_slaUidWhitelist;
+    std::string m_dwUidWhitelist;
+    std::string m_ddUidWhitelist;
+    std::string m_ifaceParams[kMaxInterfaces];
+    std::atomic<int32_t> m_numInterfaces{0};
+    std::atomic<int32_t> m_rttEntryThreshold{0};
+    std::atomic<int32_t> m_rttExitThreshold{0};
+    std::atomic<int32_t> m_ratioPercent{0};     // rewritten by every ratio calculation
+    std::atomic<int32_t> m_dominantPercent{0};  // rewritten by every ratio calculation
+    std::atomic<int32_t> m_rateByteCap{0};
+    std::atomic<int32_t> m_constructorValue{0};  // fixed at 48 by the constructor
+    std::string m_interfaceMode;
+    std::vector<interfaceMark*> m_markPool;
+
+private:
+    Parameters();
+    ~Parameters();
+    Parameters(const Parameters&) = delete;
+    Parameters& operator=(const Parameters&) = delete;
+
+    void populateUidList(const std::string& text, std::vector<std::string>& list,
+                         const char* variant, const char* entryText, bool limitLength);
+
+    std::atomic<int32_t> m_settings[kSettingSlots];
+    std::atomic<int32_t> m_gamingRunning{0};
+    std::atomic<bool> m_serviceHighRtt{false};
+    std::atomic<bool> m_gamingAiModeCheckRtt{false};
+    std::atomic<bool> m_gamingConnectStatus{false};
+    std::atomic<bool> m_voipRunning{false};
+    std::atomic<bool> m_dwMonitorStatus{false};
+    std::atomic<int32_t> m_doubleWifiSelectStatus{0};
+
+    static Parameters* sInstance;
+};

@@ -1,0 +1,14 @@
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "vekt_host/log_capture.h"
+
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    // Log lines go to the in-process captures; set VEKT_TEST_LOG=1 to see them as well.
+    const char* echo = getenv("VEKT_TEST_LOG");
+    vekt::host::setStderrEcho(echo != nullptr && strcmp(echo, "1") == 0);
+    ::testing::GTEST_FLAG(death_test_style) = "threadsafe";
+    return RUN_ALL_TESTS();
+}
