@@ -1,0 +1,48 @@
+// The one place where the daemon runs a wrapper-tool command line.
+#pragma once
+
+#include <string>
+#include <vector>
+
+// Runs one complete command line (tool path first, arguments separated by blanks) and
+// waits for it. Returns 0 when the process could be started, -1 when it could not; the
+// tool's exit status is not looked at. Any output (standard output and error merged) is
+// logged as failure lines paired with the command. Lines are logged under the tag
+// "SLM-Vekt-iptablesManager".
+int execnetd(const char* command);
+
+namespace vekt {
+
+struct CommandResult {
+    bool started = false;  // the process could be started
+    std::string output;    // standard output and standard error, merged, in order
+};
+
+// Seam under execnetd: starts argv directly (never through a shell) and collects its
+// merged output. Tests install their own to record command lines without processes.
+class CommandRunner {
+public:
+    virtual ~CommandRunner() = default;
+    virtual CommandResult run(const std::vector<std::string>& argv) = 0;
+};
+
+// The process runner: fork/exec of argv[0] mapped under the device root.
+CommandRunner& processRunner();
+CommandRunner& commandRunner();
+
+// Test-only: installs a runner for the scope.
+class ScopedCommandRunner {
+public:
+    explicit ScopedCommandRunner(CommandRunner& runner);
+    ~ScopedCommandRunner();
+    ScopedCommandRunner(const ScopedCommandRunner&) = delete;
+    ScopedCommandRunner& operator=(const ScopedCommandRunner&) = delete;
+
+private:
+    CommandRunner* previous_;
+};
+
+// Splits a command line at blanks; runs of blanks make no empty argument.
+std::vector<std::string> splitCommandLine(const std::string& command);
+
+}  // namespace vekt
