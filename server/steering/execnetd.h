@@ -26,8 +26,11 @@ public:
     virtual CommandResult run(const std::vector<std::string>& argv) = 0;
 };
 
-// The process runner: fork/exec of argv[0] mapped under the device root.
+// The process runner: starts argv[0], mapped under the device root, as one process (no
+// shell), with standard input on /dev/null and no other descriptor of the daemon. started
+// is false when the process could not be created or its exec failed.
 CommandRunner& processRunner();
+// The runner execnetd uses: the one installed by ScopedCommandRunner, else processRunner().
 CommandRunner& commandRunner();
 
 // Test-only: installs a runner for the scope.

@@ -1,0 +1,351 @@
+// IptablesManager: the fixed chain tree, each interface's mark chains with its routing and
+// masquerading rules, the whitelist in front of the tree, and the aggregation ratio rules.
+#define LOG_TAG "SLM-Vekt-iptablesManager"
+
+#include "steering/iptables_manager.h"
+
+#include <log/log.h>
+#include <stdarg.h>
+#include <stdio.h>
+
+#include <algorithm>
+#include <string>
+
+#include "config/parameters.h"
+#include "steering/execnetd.h"
+
+std::mutex iptablesMutex;
+
+IptablesManager* IptablesManager::sInstance = nullptr;
+
+#define IPTABLES "/system/bin/iptables-wrapper-1.0"
+#define IP_TOOL "/system/bin/ip-wrapper-1.0"
+#define SLA_RATIO_RULE                                                           \
+    IPTABLES                                                                     \
+    " -w -t mangle -A tarn_SLA -p tcp -m state --state NEW -m statistic --mode " \
+    "random --probability %f -j %s"
+
+namespace {
+
+// Interface marks live in these three bits; the routing rule matches under a wider mask so
+// that a packet also carrying one of the two extra bits does not follow the interface table.
+constexpr const char* kMarkMask = "0x00E00000";
+constexpr const char* kRouteMask = "0x0CE00000";
+
+// Chain names are bounded like the registry's text fields: at most 127 characters.
+constexpr size_t kChainNameSize = 128;
+// Every command the manager builds fits in 511 characters (interface names, marks and
+// tables are at most 127 each).
+constexpr size_t kCommandSize = 512;
+
+struct ChainName {
+    char text[kChainNameSize];
+    const char* c_str() const { return text; }
+};
+
+// Joins two texts into a chain name, cutting what does not fit.
+ChainName joinBounded(const char* head, const char* tail) {
+    ChainName chain;
+    vekt::copyBounded(chain.text, sizeof(chain.text), (std::string(head) + tail).c_str());
+    return chain;
+}
+
+// "tarn_fw_" + interface name: the interface's mark chain.
+ChainName markChain(const char* ifname) { return joinBounded("tarn_fw_", ifname); }
+
+// The mark chain's name + "_wrapper": the per-UID gate in front of the mark chain.
+ChainName wrapperChain(const ChainName& mark) { return joinBounded(mark.text, "_wrapper"); }
+
+int vrunCommand(const char* format, va_list args) {
+    char line[kCommandSize];
+    vsnprintf(line, sizeof(line), format, args);
+    return execnetd(line);
+}
+
+// Formats one command line and runs it; the result is 0 or -1 (see execnetd) and is added
+// into the operation's status.
+__attribute__((format(printf, 1, 2))) int runCommand(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    int result = vrunCommand(format, args);
+    va_end(args);
+    return result;
+}
+
+// For commands whose failure is harmless by design (creating a chain that may exist,
+// flushing one that is about to go): their result never counts.
+__attribute__((format(printf, 1, 2))) void runCommandUncounted(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    (void)vrunCommand(format, args);
+    va_end(args);
+}
+
+}  // namespace
+
+IptablesManager* IptablesManager::instance() {
+    if (sInstance == nullptr) sInstance = new IptablesManager();
+    return sInstance;
+}
+
+void IptablesManager::clean_SLM_iptables() {
+    if (sInstance == nullptr) return;
+    delete sInstance;
+    // Nothing may reach the freed manager through a stale pointer; a later instance()
+    // would build a fresh skeleton.
+    sInstance = nullptr;
+}
+
+IptablesManager::IptablesManager() {
+    // Chains left by an earlier run are emptied and reused; each hook is deleted before it
+    // is added, so there is exactly one. The mangle hook goes at the end of OUTPUT, the nat
+    // hook at the head of POSTROUTING. tarn_SLM itself is reached only from the per-UID
+    // rules of tarn_SLM_wapper. No result is looked at.
+    std::lock_guard<std::mutex> lock(iptablesMutex);
+    runCommandUncounted(IPTABLES " -w -t mangle -N tarn_SLM");
+    runCommandUncounted(IPTABLES " -w -t mangle -F tarn_SLM");
+    runCommandUncounted(IPTABLES " -w -t mangle -N tarn_SLA");
+    runCommandUncounted(IPTABLES " -w -t mangle -F tarn_SLA");
+    runCommandUncounted(IPTABLES " -w -t mangle -N tarn_SLS");
+    runCommandUncounted(IPTABLES " -w -t mangle -F tarn_SLS");
+    runCommandUncounted(IPTABLES " -w -t mangle -N tarn_SLM_wapper");
+    runCommandUncounted(IPTABLES " -w -t mangle -F tarn_SLM_wapper");
+    runCommandUncounted(IPTABLES " -w -t mangle -I tarn_SLM 1 -j tarn_SLS");
+    runCommandUncounted(
+        IPTABLES
+        " -w -t mangle -I tarn_SLM 2 -m state --state ESTABLISHED,RELATED -j CONNMARK "
+        "--restore-mark");
+    runCommandUncounted(IPTABLES " -w -t mangle -I tarn_SLM 3 -j tarn_SLA");
+    runCommandUncounted(IPTABLES " -w -t mangle -D OUTPUT -j tarn_SLM_wapper");
+    runCommandUncounted(IPTABLES " -w -t mangle -A OUTPUT -j tarn_SLM_wapper");
+    runCommandUncounted(IPTABLES " -w -t nat -F tarn_nat_POSTROUTING_SLM");
+    runCommandUncounted(IPTABLES " -w -t nat -N tarn_nat_POSTROUTING_SLM");
+    runCommandUncounted(IPTABLES " -w -t nat -D POSTROUTING -j tarn_nat_POSTROUTING_SLM");
+    runCommandUncounted(IPTABLES " -w -t nat -I POSTROUTING -j tarn_nat_POSTROUTING_SLM");
+}
+
+IptablesManager::~IptablesManager() {
+    {
+        // Hooks first, so that no packet enters a chain while it is being emptied.
+        std::lock_guard<std::mutex> lock(iptablesMutex);
+        runCommandUncounted(IPTABLES " -w -t mangle -D OUTPUT -j tarn_SLM_wapper");
+        runCommandUncounted(IPTABLES " -w -t nat -D POSTROUTING -j tarn_nat_POSTROUTING_SLM");
+        runCommandUncounted(IPTABLES " -w -t nat -F tarn_nat_POSTROUTING_SLM");
+        runCommandUncounted(IPTABLES " -w -t nat -X tarn_nat_POSTROUTING_SLM");
+        runCommandUncounted(IPTABLES " -w -t mangle -F tarn_SLM_wapper");
+        runCommandUncounted(IPTABLES " -w -t mangle -X tarn_SLM_wapper");
+        runCommandUncounted(IPTABLES " -w -t mangle -F tarn_SLM");
+        runCommandUncounted(IPTABLES " -w -t mangle -X tarn_SLM");
+        runCommandUncounted(IPTABLES " -w -t mangle -F tarn_SLA");
+        runCommandUncounted(IPTABLES " -w -t mangle -X tarn_SLA");
+        runCommandUncounted(IPTABLES " -w -t mangle -F tarn_SLS");
+        runCommandUncounted(IPTABLES " -w -t mangle -X tarn_SLS");
+    }
+    // The per-interface removals take iptablesMutex themselves, so the lock is released
+    // first. With the fixed chains already emptied nothing refers to the per-interface chains
+    // any more when they are deleted; their own steps on the fixed chains (the tarn_SLA
+    // flush, the nat delete) fail harmlessly now.
+    (void)cleanup_SLM_iptables_FWMARK_chains();
+}
+
+int IptablesManager::create_SLM_FWMARK_chain_for_iface(InterfaceInfo_t* iface) {
+    static constexpr const char* kFn = "create_SLM_FWMARK_chain_for_iface";
+    if (iface == nullptr) {
+        ALOGE("%s, Creating FWMARK Chain for a NULL iface", kFn);
+        return -1;
+    }
+    ChainName mark = markChain(iface->name);
+    int status = 0;
+    {
+        std::lock_guard<std::mutex> lock(iptablesMutex);
+        runCommandUncounted(IPTABLES " -w -t mangle -N %s", mark.c_str());
+        status += runCommand(IPTABLES " -w -t mangle -F %s", mark.c_str());
+        // Links whose use is restricted to whitelisted UIDs get an (empty) gate chain; the
+        // whitelists fill it.
+        if (iface->metered || iface->slave || vekt::isCellularName(iface->name)) {
+            ChainName wrapper = wrapperChain(mark);
+            runCommandUncounted(IPTABLES " -w -t mangle -N %s", wrapper.c_str());
+            status += runCommand(IPTABLES " -w -t mangle -F %s", wrapper.c_str());
+        }
+        // Appending without a flush of its own is safe: the chain was flushed just above.
+        status += runCommand(IPTABLES " -w -t mangle -A %s -j MARK --set-mark %s/%s", mark.c_str(),
+                             iface->fwmark, kMarkMask);
+        status += runCommand(IPTABLES " -w -t mangle -A %s -j CONNMARK --save-mark --ctmask %s",
+                             mark.c_str(), kMarkMask);
+        status += runCommand(IPTABLES " -w -t mangle -A %s -j ACCEPT", mark.c_str());
+        // Drops a rule left by an earlier run; its failure is harmless but still counted.
+        status +=
+            runCommand(IP_TOOL " -4 rule del fwmark %s/%s prio 14999", iface->fwmark, kRouteMask);
+        status += runCommand(IP_TOOL " -4 rule add fwmark %s/%s table %s prio 14999", iface->fwmark,
+                             kRouteMask, iface->routeTable);
+        status += runCommand(IPTABLES " -w -t nat -A tarn_nat_POSTROUTING_SLM -o %s -j MASQUERADE",
+                             iface->name);
+    }
+    if (status != 0) {
+        ALOGE("%s Failue when creating FWMARK tables for interface %s ", kFn, iface->name);
+        return -1;
+    }
+    return 0;
+}
+
+int IptablesManager::remove_SLM_FWMARK_chain_for_iface(InterfaceInfo_t* iface) {
+    static constexpr const char* kFn = "remove_SLM_FWMARK_chain_for_iface";
+    if (iface == nullptr) {
+        ALOGE("%s, Remove FWMARK Chain for a NULL iface", kFn);
+        return -1;
+    }
+    ChainName mark = markChain(iface->name);
+    ChainName wrapper = wrapperChain(mark);
+    int status = 0;
+    {
+        std::lock_guard<std::mutex> lock(iptablesMutex);
+        // The ratio rules may jump into the chains about to go; all of them are dropped and
+        // come back with the next ratio update.
+        runCommandUncounted(IPTABLES " -w -t mangle -F tarn_SLA");
+        // Every interface is treated as if it had a gate chain; where it has none the two
+        // commands fail harmlessly.
+        runCommandUncounted(IPTABLES " -w -t mangle -F %s", wrapper.c_str());
+        status += runCommand(IPTABLES " -w -t mangle -X %s", wrapper.c_str());
+        runCommandUncounted(IPTABLES " -w -t mangle -F %s", mark.c_str());
+        status += runCommand(IPTABLES " -w -t mangle -X %s", mark.c_str());
+        status +=
+            runCommand(IP_TOOL " -4 rule del fwmark %s/%s prio 14999", iface->fwmark, kRouteMask);
+        status += runCommand(IPTABLES " -w -t nat -D tarn_nat_POSTROUTING_SLM -o %s -j MASQUERADE",
+                             iface->name);
+    }
+    if (status != 0) {
+        ALOGE("%s Failure when creating FWMARK tables for interface %s ", kFn, iface->name);
+        return -1;
+    }
+    return 0;
+}
+
+int IptablesManager::cleanup_SLM_iptables_FWMARK_chains() {
+    static constexpr const char* kFn = "cleanup_SLM_iptables_FWMARK_chains";
+    Parameters* params = Parameters::instance();
+    int failures = 0;
+    {
+        // Held across the walk: removal of a record elsewhere would free it under us. Each
+        // removal takes iptablesMutex inside, which is the daemon's lock order.
+        std::lock_guard<std::mutex> lock(interfaceMutex);
+        if (params->m_interfaceInfoMap.empty()) return 0;
+        for (auto& entry : params->m_interfaceInfoMap) {
+            InterfaceInfo_t* iface = entry.second;
+            if (iface == nullptr) continue;
+            if (remove_SLM_FWMARK_chain_for_iface(iface) == -1) {
+                ALOGE("%s Cleanup FWMARK for interface %s failed", kFn, iface->name);
+                ++failures;
+            }
+        }
+    }
+    if (failures != 0) {
+        ALOGE("%s Failure when cleaning FWMARK tables for all interfaces ", kFn);
+        return -1;
+    }
+    return 0;
+}
+
+int IptablesManager::setup_slm_whitelist() {
+    // The lists are changed only on the control-socket thread, which is the only caller, so
+    // they are read without a lock.
+    Parameters* params = Parameters::instance();
+    int status = runCommand(IPTABLES " -w -t mangle -F tarn_SLM_wapper");
+    // Traffic to a Wi-Fi gateway never enters the steering tree.
+    for (const std::string& gateway : params->m_wifiGatewayList) {
+        status += runCommand(IPTABLES " -w -t mangle -A tarn_SLM_wapper -d %s -j RETURN",
+                             gateway.c_str());
+    }
+    // A UID found in several lists gets one rule for each; they are not merged.
+    for (const auto* list : {&params->m_gamingUidList, &params->m_dwUidList, &params->m_ddUidList,
+                             &params->m_slaUidList}) {
+        for (const std::string& uid : *list) {
+            status += runCommand(
+                IPTABLES " -w -t mangle -A tarn_SLM_wapper -m owner --uid-owner %s -j tarn_SLM",
+                uid.c_str());
+        }
+    }
+    return status;
+}
+
+int IptablesManager::updateInterfaceIptables(const char* ifname, bool add) {
+    Parameters* params = Parameters::instance();
+    InterfaceInfo_t* iface;
+    {
+        // The main thread walks the map concurrently, and the subscript may insert. An
+        // unknown name leaves a record-less entry, which every walker skips.
+        std::lock_guard<std::mutex> lock(interfaceMutex);
+        iface = params->m_interfaceInfoMap[ifname];
+    }
+    // Records are freed only on this (the control-socket) thread, so the pointer stays
+    // valid without the lock, and the operations below may take iptablesMutex on their own.
+    if (iface == nullptr) return 0;
+
+    if (add) {
+        (void)create_SLM_FWMARK_chain_for_iface(iface);
+        (void)setup_slm_whitelist();
+    } else {
+        (void)remove_SLM_FWMARK_chain_for_iface(iface);
+    }
+    return 0;
+}
+
+int IptablesManager::set_SLA_ratio_iptables(SlaInterfaceMap& map) {
+    static constexpr const char* kFn = "set_SLA_ratio_iptables";
+    // interfaceMutex is held by the caller: the registry records looked up here stay valid.
+    Parameters* params = Parameters::instance();
+    auto& registry = params->m_interfaceInfoMap;
+    const int dualWifi = params->getDoubleWifiSelectStatus();
+
+    std::lock_guard<std::mutex> lock(iptablesMutex);
+    int status = runCommand(IPTABLES " -w -t mangle -F tarn_SLA");
+
+    // Each random rule only sees the connections that the rules before it let through, so
+    // the probability of a rule is its share of what is left: ratio / (1 - given).
+    float given = 0.0f;
+
+    // Unmetered links first, whatever their names.
+    for (auto& entry : map) {
+        linkStatsWrapper_t* link = entry.second;
+        if (link == nullptr) continue;
+        InterfaceInfo_t* iface = registry[link->name];
+        if (iface == nullptr || iface->metered) continue;
+
+        float probability = 1.0f;
+        if (1.0 - given > 0) probability = link->ratio / (1.0 - given);
+        probability = std::min(probability, 1.0f);
+        ALOGI("Updated Ratio: %f", probability);
+        // With two Wi-Fi links in use, every new connection goes to the selected side.
+        if (dualWifi == 1) probability = iface->slave ? 0.0f : 1.0f;
+        if (dualWifi == 2) probability = iface->slave ? 1.0f : 0.0f;
+
+        ChainName mark = markChain(link->name);
+        ChainName target = mark;
+        if (iface->slave || vekt::isCellularName(link->name)) target = wrapperChain(mark);
+        status += runCommand(SLA_RATIO_RULE, probability, target.c_str());
+        given += probability;
+    }
+
+    // Then the metered links, each behind its UID gate. What they are given counts by ratio,
+    // not by the probability used.
+    for (auto& entry : map) {
+        linkStatsWrapper_t* link = entry.second;
+        if (link == nullptr) continue;
+        InterfaceInfo_t* iface = registry[link->name];
+        if (iface == nullptr || !iface->metered) continue;
+
+        float probability = 0.0f;
+        if (1.0 - given > 0) probability = link->ratio / (1.0 - given);
+        probability = std::min(probability, 1.0f);
+        ALOGI("Updated Ratio: %f", probability);
+
+        ChainName target = wrapperChain(markChain(link->name));
+        status += runCommand(SLA_RATIO_RULE, probability, target.c_str());
+        given += link->ratio;
+    }
+
+    if (status != 0) {
+        ALOGE("%s Failure when setting SLA Ratios ", kFn);
+        return -1;
+    }
+    return 0;
+}
