@@ -14,7 +14,8 @@ public:
     // sampleCount is given it is set to the number of samples used. name is not used.
     uint32_t linkRateEstimate(uint32_t* sampleCount, const char* name);
 
-    const void* mapping() const { return file_; }
+    // The address only (for unmapping); the samples are read through file_.
+    const void* mapping() const { return const_cast<const vekt::StatsFile*>(file_); }
     bool isWifi() const { return isWifi_; }
 
 private:

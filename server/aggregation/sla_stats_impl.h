@@ -37,18 +37,22 @@ public:
     void freeMmap();
     bool updateSlaInterfacemap(const char* name, bool add);
     int enableSlaVoipState(bool on, const char* uid);
-    // Fills address and port (bounded by their sizes, always terminated) from the VoIP
-    // state file; returns the number of bytes read or -1.
+    // Fills address and port (bounded by their sizes, terminated) from the VoIP state file
+    // "address,port"; a text under 4 bytes or without a comma leaves both untouched.
+    // Returns the number of bytes read or -1.
     int getSlaVoipState(char* address, size_t addressSize, char* port, size_t portSize);
 
+    // One measurement and ratio pass; true when the ratio rules were rewritten.
     bool evalAndSetSLAInterfaceRatio();
     bool calcSlaRatios(SLA_ratio_calc_process stage, float cellSum, float wifiSum,
                        float wifiMax);
     uint32_t getMaxLinkRateFromHistory(linkHistory_t& history, uint32_t rate,
                                        Parameters* params);
 
-    SlaInterfaceMap m_slaInterfaceMap;  // guarded by slaStatsMutex
-    time_t m_lastRatioLogSec = 0;       // wall-clock seconds of the last ratio log
+    // Guarded by slaStatsMutex. Owns its records, each record its SlaStatsData and the
+    // mapping under it: all three go when the entry leaves the map.
+    SlaInterfaceMap m_slaInterfaceMap;
+    time_t m_lastRatioLogSec = 0;  // wall-clock seconds of the last ratio log
 
 private:
     SlaStatsImpl() = default;

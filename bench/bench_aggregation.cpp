@@ -1,0 +1,137 @@
+// Cost of the aggregation engine's per-pass work: one evaluation over four links with full
+// statistics rings and stable ratios (no rule rewrite), next to one rate estimate.
+#include <benchmark/benchmark.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <mutex>
+#include <string>
+
+#include "aggregation/sla_stats_data.h"
+#include "aggregation/sla_stats_impl.h"
+#include "aggregation/stats_file.h"
+#include "config/interface_info.h"
+#include "config/parameters.h"
+#include "core/clock.h"
+#include "core/device_root.h"
+#include "steering/execnetd.h"
+#include "steering/iptables_manager.h"
+#include "vekt_host/log_capture.h"
+
+namespace {
+
+constexpr uint64_t kNow = 1700000000000ULL;
+constexpr uint32_t kStepMs = 20;
+
+class FixedClock : public vekt::Clock {
+public:
+    struct timeval wallTime() const override {
+        return {static_cast<time_t>(kNow / 1000), static_cast<suseconds_t>(kNow % 1000 * 1000)};
+    }
+};
+
+// Nothing is ever started: a rewrite during warm-up costs no process.
+class NullRunner : public vekt::CommandRunner {
+public:
+    vekt::CommandResult run(const std::vector<std::string>&) override { return {true, ""}; }
+};
+
+// A full ring: all 1279 slots written, 20 ms apart, the newest 5 ms before now. rate is in
+// 1024 bit/s.
+void* makeRing(uint32_t rate, uint32_t newest) {
+    void* memory = mmap(nullptr, vekt::kStatsFileSize, PROT_READ | PROT_WRITE,
+                        MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) abort();
+    auto* file = static_cast<vekt::StatsFile*>(memory);
+    uint32_t k = newest;
+    for (uint32_t i = 0; i < vekt::kStatsSampleCount; ++i) {
+        file->slots[k] = {kNow - 5 - static_cast<uint64_t>(i) * kStepMs,
+                          rate * 128 * kStepMs / 1000, 0, vekt::kSampleKindClosing, 0};
+        k = k == 1 ? vekt::kStatsSampleCount : k - 1;
+    }
+    file->header.newest = newest;
+    file->header.magic = vekt::kStatsMagic;
+    return memory;
+}
+
+struct Setup {
+    Setup() : clockOverride(clock), runnerOverride(runner) {
+        vekt::host::setStderrEcho(false);
+        char dir[] = "/tmp/vekt-bench-XXXXXX";
+        if (mkdtemp(dir) == nullptr) abort();
+        root = dir;
+        vekt::DeviceRoot::set(root);
+        Parameters* params = Parameters::instance();
+        SlaStatsImpl* impl = SlaStatsImpl::instance();
+        const struct {
+            const char* name;
+            uint32_t rate;
+        } links[] = {{"wlan0", 900}, {"wlan1", 400}, {"rmnet_data0", 700}, {"rmnet_data1", 600}};
+        uint32_t newest = 17;
+        for (const auto& link : links) {
+            params->UpdateInterface(link.name, true);
+            auto* record = new linkStatsWrapper_t();
+            vekt::copyBounded(record->name, sizeof(record->name), link.name);
+            record->stats =
+                new SlaStatsData(makeRing(link.rate, newest), !vekt::isCellularName(link.name));
+            newest += 300;  // each ring wraps at a different place
+            std::lock_guard<std::mutex> lock(slaStatsMutex);
+            impl->m_slaInterfaceMap[link.name] = record;
+        }
+        // Settle the ratios; from here on every pass finds nothing to rewrite.
+        for (int i = 0; i < 3; ++i) impl->evalAndSetSLAInterfaceRatio();
+    }
+    ~Setup() {
+        SlaStatsImpl::finalize();
+        IptablesManager::clean_SLM_iptables();
+        Parameters::destroyInstanceForTest();
+        vekt::DeviceRoot::set("");
+        rmdir(root.c_str());
+    }
+
+    FixedClock clock;
+    vekt::ScopedClockOverride clockOverride;
+    NullRunner runner;
+    vekt::ScopedCommandRunner runnerOverride;
+    std::string root;
+};
+
+void BM_EvaluationPassFourLinks(benchmark::State& state) {
+    Setup setup;
+    SlaStatsImpl* impl = SlaStatsImpl::instance();
+    for (auto _ : state) {
+        if (impl->evalAndSetSLAInterfaceRatio()) {
+            state.SkipWithError("the ratios moved: a pass rewrote the rules");
+            break;
+        }
+    }
+}
+BENCHMARK(BM_EvaluationPassFourLinks)->Repetitions(9)->ReportAggregatesOnly(true);
+
+void BM_LinkRateEstimate(benchmark::State& state) {
+    Setup setup;
+    SlaStatsImpl* impl = SlaStatsImpl::instance();
+    SlaStatsData* data = impl->m_slaInterfaceMap.at("wlan0")->stats;
+    uint32_t count = 0;
+    for (auto _ : state) benchmark::DoNotOptimize(data->linkRateEstimate(&count, "wlan0"));
+    state.counters["samples"] = count;
+}
+BENCHMARK(BM_LinkRateEstimate)->Repetitions(9)->ReportAggregatesOnly(true);
+
+// The worst case: a window and stale limit wider than the ring, so the walk covers it all.
+void BM_LinkRateEstimateWholeRing(benchmark::State& state) {
+    Setup setup;
+    Parameters::instance()->setValue("ideal_est_window", "100000");
+    Parameters::instance()->setValue("mini_stale_interval", "100000");
+    Parameters::instance()->m_rateByteCap = 0x7fffffff;
+    SlaStatsData* data = SlaStatsImpl::instance()->m_slaInterfaceMap.at("wlan0")->stats;
+    uint32_t count = 0;
+    for (auto _ : state) benchmark::DoNotOptimize(data->linkRateEstimate(&count, "wlan0"));
+    state.counters["samples"] = count;
+}
+BENCHMARK(BM_LinkRateEstimateWholeRing)->Repetitions(9)->ReportAggregatesOnly(true);
+
+}  // namespace
+
+BENCHMARK_MAIN();
