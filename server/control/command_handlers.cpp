@@ -1,11 +1,342 @@
+// The control commands. All run on the socket thread; they take no lock of their own (the
+// Parameters registry and the other singletons guard themselves).
+//
+// Calls into link selection, the selection rules and the monitors are not wired yet; the
+// lines marked "pending:" name them at the place where they belong, in order.
 #define LOG_TAG "SLM-Vekt-VektSocket-Server"
 
 #include "control/command_handlers.h"
 
+#include <errno.h>
 #include <log/log.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <climits>
+
+#include "aggregation/sla_stats_impl.h"
+#include "config/parameters.h"
+#include "config/text_split.h"
+#include "control/control_socket.h"
+#include "steering/iptables_manager.h"
+
+std::vector<std::string> gCurInterfaceList;
+std::vector<std::string> gPreInterfaceList;
+
+namespace {
+
+// Last accepted arguments. Their sizes are the client's limits: a longer argument is a
+// client fault that ends the daemon (see copyAcceptedText).
+constexpr size_t kGatewaySize = 64;
+constexpr size_t kWhitelistSize = 2048;
+char gWifiGateway[kGatewaySize];
+char gSlaUidWhitelist[kWhitelistSize];
+char gDWUidWhitelist[kWhitelistSize];
+char gDDUidWhitelist[kWhitelistSize];
+
+constexpr int kProbePort = 443;
+
+// Stores an accepted argument. A text that does not fit means the client broke the
+// protocol's limits; the daemon ends here, loudly, rather than truncate state it would
+// then compare against.
+void copyAcceptedText(char* dest, size_t size, const char* text, const char* handler) {
+    size_t length = strlen(text);
+    if (length >= size) {
+        ALOGE("%s argument of %zu characters exceeds the limit of %zu, aborting", handler,
+              length, size - 1);
+        abort();
+    }
+    memcpy(dest, text, length + 1);
+}
+
+// Points the RTT probes at the built-in server on the probe port.
+void setRttTarget(Parameters* params) {
+    params->setGamingRttServer(VEKT_DEFAULT_RTT_SERVER);
+    params->m_rttServerPort = kProbePort;
+}
+
+// The whitelist commands share one shape; they differ in the stored copy and in which
+// Parameters list they rebuild.
+struct WhitelistVariant {
+    char* accepted;
+    void (Parameters::*set)(const char*);
+    void (Parameters::*populate)();
+};
+
+void applyWhitelist(const WhitelistVariant& variant, const char* text, const char* handler) {
+    if (strcmp(text, variant.accepted) == 0) return;
+    copyAcceptedText(variant.accepted, kWhitelistSize, text, handler);
+    IptablesManager* iptables = IptablesManager::instance();
+    Parameters* params = gParams;
+    if (iptables == nullptr || params == nullptr) return;
+    (params->*variant.set)(strcmp(text, "NULL") == 0 ? "" : text);
+    (params->*variant.populate)();
+    iptables->setup_slm_whitelist();
+    // pending: the variant's per-interface UID whitelist rules.
+}
+
+bool contains(const std::vector<std::string>& list, const std::string& name) {
+    for (const std::string& entry : list) {
+        if (entry == name) return true;
+    }
+    return false;
+}
+
+// Base-10 conversion that accepts what a standard integer conversion accepts (leading
+// blanks, a sign, digits, anything after them ignored) and ends the daemon on the rest:
+// the client must send a number, and a daemon that guessed would steer on a wrong RTT.
+int32_t parseRttOrDie(const char* text) {
+    errno = 0;
+    char* end = nullptr;
+    long value = strtol(text, &end, 10);
+    if (end == text || errno == ERANGE || value < INT_MIN || value > INT_MAX) {
+        ALOGE("%s cannot convert \"%s\" to a number, aborting", "updateSlsInterfacesRtt", text);
+        abort();
+    }
+    return static_cast<int32_t>(value);
+}
+
+}  // namespace
+
+void resetHandlerStateForTest() {
+    gCurInterfaceList.clear();
+    gPreInterfaceList.clear();
+    gWifiGateway[0] = '\0';
+    gSlaUidWhitelist[0] = '\0';
+    gDWUidWhitelist[0] = '\0';
+    gDDUidWhitelist[0] = '\0';
+}
 
 void handleMessage(msg_t msg) {
-    if (msg.id < MSG_UPDATE_INTERFACES || msg.id > MSG_GAME_AI_FAST_CHOOSE) {
-        ALOGE("unknow mesage!!!");
+    // The record is a copy; whatever the client sent, its text ends inside it.
+    msg.message[kMsgTextSize - 1] = '\0';
+    const char* text = msg.message;
+    Parameters* params = gParams;
+
+    switch (msg.id) {
+        case MSG_UPDATE_INTERFACES: updateInterfaces(text); break;
+        case MSG_SLA_UID_WHITELIST: setUidWhitelist(text); break;
+        case MSG_INTERFACE_MODE:
+            if (params != nullptr) params->UpdateInterfaceMode(text);
+            break;
+        case MSG_WIFI_GATEWAY: setWifiGateway(text); break;
+        case MSG_DW_UID_WHITELIST: setDWUidWhitelist(text); break;
+        case MSG_DW_MONITOR: setDoubleWifiMonitor(text); break;
+        case MSG_DD_UID_WHITELIST: setDDUidWhitelist(text); break;
+        case MSG_BSSID:
+            if (params != nullptr) params->UpdateInterfaceBssid(text);
+            break;
+        case MSG_START_SLS: StartSlsServer(text); break;
+        case MSG_STOP_SLS: StopSlsServer(); break;
+        case MSG_VOIP: setVoipStatus(text); break;
+        case MSG_SERVICE_RTT: updateSlsInterfacesRtt(text); break;
+        case MSG_GAME_AI_MODE: setGameAiModeEnable(text); break;
+        case MSG_GAME_AI_CHECK_RTT: setGameAiModeCheckRtt(text); break;
+        case MSG_GAME_AI_FAST_CHOOSE: setGameAiModeFastChoose(text); break;
+        default: ALOGE("unknow mesage!!!"); break;
     }
+}
+
+void updateInterfaces(const char* text) {
+    gCurInterfaceList.clear();
+    if (text == nullptr) return;
+    gCurInterfaceList = vekt::splitList(text);
+
+    for (const std::string& name : gPreInterfaceList) {
+        if (contains(gCurInterfaceList, name)) continue;
+        ALOGI("remove Interfaces is %s", name.c_str());
+        removeInterfaces(name.c_str());
+    }
+    for (const std::string& name : gCurInterfaceList) {
+        if (contains(gPreInterfaceList, name)) continue;
+        ALOGI("add Interfaces is %s", name.c_str());
+        addInterfaces(name.c_str());
+    }
+
+    gPreInterfaceList.clear();
+    for (const std::string& name : vekt::splitList(text)) {
+        gPreInterfaceList.push_back(name);
+        ALOGI("preinterfacelist is %s", name.c_str());
+    }
+}
+
+int addInterfaces(const char* name) {
+    Parameters* params = gParams;
+    if (params == nullptr) return -1;
+    params->UpdateInterface(name, true);
+    SlaStatsImpl::instance()->updateSlaInterfacemap(name, true);
+    IptablesManager::instance()->updateInterfaceIptables(name, true);
+    // pending: link selection picks the interface up while it runs.
+    return 0;
+}
+
+int removeInterfaces(const char* name) {
+    Parameters* params = gParams;
+    if (params == nullptr) return -1;
+    // Rules go first, while the record they are built from still exists.
+    IptablesManager::instance()->updateInterfaceIptables(name, false);
+    params->UpdateInterface(name, false);
+    SlaStatsImpl::instance()->updateSlaInterfacemap(name, false);
+    // pending: link selection drops the interface while it runs.
+    return 0;
+}
+
+void setUidWhitelist(const char* text) {
+    applyWhitelist({gSlaUidWhitelist, &Parameters::setuidwhitelist,
+                    &Parameters::populateSlaUidWhitelist},
+                   text, "setUidWhitelist");
+}
+
+void setDWUidWhitelist(const char* text) {
+    applyWhitelist({gDWUidWhitelist, &Parameters::setDWUidWhitelist,
+                    &Parameters::populateDWUidWhitelist},
+                   text, "setDWUidWhitelist");
+}
+
+void setDDUidWhitelist(const char* text) {
+    applyWhitelist({gDDUidWhitelist, &Parameters::setDDUidWhitelist,
+                    &Parameters::populateDDUidWhitelist},
+                   text, "setDDUidWhitelist");
+}
+
+void setWifiGateway(const char* text) {
+    if (strcmp(text, gWifiGateway) == 0) return;
+    copyAcceptedText(gWifiGateway, kGatewaySize, text, "setWifiGateway");
+    Parameters* params = gParams;
+    if (params == nullptr) return;
+    IptablesManager* iptables = IptablesManager::instance();
+    params->populateWifiGateway(text);
+    iptables->setup_slm_whitelist();
+}
+
+void setDoubleWifiMonitor(const char* text) {
+    Parameters* params = gParams;
+    if (params == nullptr) return;
+    int on = atoi(text);
+    if (on == 0 && params->isDWMonitorStatus()) {
+        // pending: stop the dual Wi-Fi monitor.
+    } else if (on == 1 && !params->isDWMonitorStatus()) {
+        // pending: start the dual Wi-Fi monitor.
+    }
+}
+
+void StartSlsServer(const char* text) {
+    Parameters* params = gParams;
+    if (params == nullptr || params->isGamingRunning() != 0) return;
+    setRttTarget(params);
+    params->setGamingUids(text);
+    params->populateGamingUids();
+    params->setGamingConnectStatus(true);
+    IptablesManager::instance()->setup_slm_whitelist();
+    // pending: selection UID chains, start probing, RSSI monitor, socket monitor polling.
+    params->setGamingRunning(1);
+}
+
+void StopSlsServer() {
+    Parameters* params = gParams;
+    if (params == nullptr || params->isGamingRunning() == 0) return;
+    // pending: finalize the socket monitor.
+    params->setServiceHighRtt(false);
+    params->setGamingUids(nullptr);
+    // pending: stop probing, remove the selection UID chains.
+    params->setGamingRunning(0);
+    // pending: finalize the RSSI monitor.
+}
+
+void setVoipStatus(const char* text) {
+    Parameters* params = gParams;
+    if (params == nullptr) return;
+    // The UID list itself is the switch: a first UID that is a non-zero number means on.
+    bool on = atoi(text) != 0;
+    if (on && !params->isVoipRunning()) {
+        setRttTarget(params);
+        SlaStatsImpl::instance()->enableSlaVoipState(true, text);
+        params->setGamingUids(text);
+        params->populateGamingUids();
+        IptablesManager::instance()->setup_slm_whitelist();
+        // pending: selection UID chains.
+        params->setGamingConnectStatus(true);
+        // pending: start probing, RSSI monitor.
+        params->setVoipRunning(true);
+    } else if (!on && params->isVoipRunning()) {
+        SlaStatsImpl::instance()->enableSlaVoipState(false, text);
+        params->setVoipRunning(false);
+        params->setServiceHighRtt(false);
+        params->setGamingUids(nullptr);
+        params->setGamingConnectStatus(false);
+        // pending: stop probing, remove the selection UID chains, finalize the RSSI monitor.
+    }
+}
+
+void updateSlsInterfacesRtt(const char* text) {
+    Parameters* params = gParams;
+    if (params == nullptr) return;
+    int32_t rtt = parseRttOrDie(text);
+    // Compared unsigned on purpose: a negative report counts as high.
+    if (static_cast<uint32_t>(rtt) > static_cast<uint32_t>(params->m_rttExitThreshold.load()) &&
+        !params->isServiceHighRtt()) {
+        // pending: resume the probe threads and create the missing ones.
+        params->setServiceHighRtt(true);
+    }
+    ALOGI("update Sls Interfaces Rtt is %s ", text);
+}
+
+void setGameAiModeEnable(const char* text) {
+    Parameters* params = gParams;
+    if (params == nullptr) return;
+    bool on = atoi(text) != 0;
+    if (on && params->isGamingRunning() == 0) {
+        ALOGI("setGameAiModeEnable enable");
+        setRttTarget(params);
+        params->setGamingUids(text);
+        params->populateGamingUids();
+        params->setGamingConnectStatus(true);
+        // AI mode reacts faster: two switches per window, two misses fail a link.
+        params->m_nHyst = 2;
+        params->maxPingMiss = 2;
+        params->setGamingAiModeCheckRtt(false);
+        IptablesManager::instance()->setup_slm_whitelist();
+        // pending: selection UID chains.
+        params->setGamingRunning(2);
+        // pending: RSSI monitor, socket monitor polling. Probing waits for id 14 or 15.
+    } else if (!on && params->isGamingRunning() == 2) {
+        ALOGI("setGameAiModeEnable disable");
+        // pending: finalize the socket monitor; stop probing if RTT checking is on.
+        params->setGamingAiModeCheckRtt(false);
+        params->setGamingUids(nullptr);
+        params->m_nHyst = 1;
+        params->maxPingMiss = 5;
+        params->setGamingRunning(0);
+        // pending: finalize the RSSI monitor, remove the selection UID chains.
+    }
+}
+
+namespace {
+
+// Ids 14 and 15 share the AI-mode checking flag, so one of them enabling while the other
+// already did changes nothing.
+void setAiModeChecking(const char* text, const char* enableLog, const char* disableLog) {
+    Parameters* params = gParams;
+    if (params == nullptr || params->isGamingRunning() != 2) return;
+    int value = atoi(text);
+    if (value == 1 && !params->isGamingAiModeCheckRtt()) {
+        __android_log_write(ANDROID_LOG_INFO, LOG_TAG, enableLog);
+        // pending: start probing (fast choose also resets the network levels).
+        params->setGamingAiModeCheckRtt(true);
+    } else if (value == 0 && params->isGamingAiModeCheckRtt()) {
+        __android_log_write(ANDROID_LOG_INFO, LOG_TAG, disableLog);
+        // pending: stop probing.
+        params->setGamingAiModeCheckRtt(false);
+    }
+}
+
+}  // namespace
+
+void setGameAiModeCheckRtt(const char* text) {
+    setAiModeChecking(text, "setGameAiModeCheckRtt enable", "setGameAiModeCheckRtt disable");
+}
+
+void setGameAiModeFastChoose(const char* text) {
+    setAiModeChecking(text, "setGameAiModeFastChoose enable", "setGameAiModeFastChoose disable");
 }

@@ -8,9 +8,12 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "aggregation/sla_stats_impl.h"
 #include "config/parameters.h"
+#include "control/control_socket.h"
 #include "core/daemon_args.h"
 #include "core/device_root.h"
+#include "steering/iptables_manager.h"
 
 namespace {
 
@@ -40,12 +43,24 @@ int main(int argc, char** argv) {
 
     ALOGI("Vekt (SLA+SLS) 3.0.4.5 starting daemon");
     Parameters* params = Parameters::instance();
+    IptablesManager::instance();
+    // The daemon runs on without a control channel if the thread cannot be created.
+    createSocketThreads(params);
+    SlaStatsImpl* stats = SlaStatsImpl::instance();
+    stats->enableSLA(true);
 
+    // The body runs at least once, before the property is first looked at.
     do {
+        stats->evalAndSetSLAInterfaceRatio();
         sleepMs(params->get(MINI_EST_INTERVAL));
     } while (params->getSLAVendorProp() != kStopValue);
 
+    // The socket thread goes first, so no command changes state during the cleanup.
+    stopSocketThreads();
     ALOGE("Slm disabled, starting cleanup...\n");
+    stats->enableSLA(false);
+    IptablesManager::clean_SLM_iptables();
+    SlaStatsImpl::finalize();
     ALOGI("Vekt exiting");
     for (;;) sleep(600);
 }
