@@ -1,7 +1,11 @@
 #!/usr/bin/env bash
-# Builds Vekt and runs the daemon in a demo root under build/demo, in a private network
-# namespace where it can be made. The wrapper tools there print the rules they would apply
-# to build/demo/rules.log instead of touching the machine. Ctrl-C stops the daemon cleanly.
+# Builds Vekt and runs the whole path of one command in a demo root under build/demo:
+#   slasim      stands in for the kernel statistics module (wlan0 at 1200, rmnet_data0 at
+#               800, in units of 1024 bit/s),
+#   vekt        the daemon, in a private network namespace where one can be made,
+#   vektctl     sends the first interface list, as the platform service would.
+# The wrapper tools in the demo root print the rules they would apply (lines "RULE ...")
+# instead of touching this machine. Ctrl-C stops everything cleanly.
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -10,8 +14,8 @@ if ! command -v cmake >/dev/null || ! command -v ninja >/dev/null; then
         apt-get update -qq && apt-get install -y -qq cmake ninja-build g++ >/dev/null
     fi
 fi
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEKT_BUILD_TESTS=OFF >/dev/null
-cmake --build build --target vekt
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build build --target vekt vektctl slasim
 
 root=$PWD/build/demo
 rm -rf "$root"
@@ -21,7 +25,7 @@ echo 1 > "$root/properties/vendor.sla.enabled"
 for tool in iptables ip; do
     cat > "$root/system/bin/$tool-wrapper-1.0" <<SCRIPT
 #!/bin/sh
-echo "$tool \$*" >> "$root/rules.log"
+echo "RULE $tool \$*" >> "$root/rules.log"
 SCRIPT
     chmod +x "$root/system/bin/$tool-wrapper-1.0"
 done
@@ -33,31 +37,59 @@ if [ "$(id -u)" -eq 0 ] && unshare --net true 2>/dev/null; then
 elif unshare --user --map-root-user --net true 2>/dev/null; then
     netns=(unshare --user --map-root-user --net)
 else
-    echo "(no private network namespace available: running in this one)"
+    echo "(no private network namespace available: the daemon runs in this one)"
 fi
 
-echo "== demo root: $root"
-echo "== rules the daemon would apply: $root/rules.log"
-echo "== stop with Ctrl-C"
-tail -n +1 -f "$root/rules.log" | sed 's/^/RULE /' &
-tailer=$!
-"${netns[@]}" build/bin/vekt --root "$root" 2> >(tee "$root/vekt.log" >&2) &
+vektctl=(build/bin/vektctl --root "$root")
+pids=()
+cleanup() {
+    for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+    wait 2>/dev/null || true
+}
+trap cleanup EXIT
+
+# Each helper runs in a session of its own, so that Ctrl-C reaches only this script, which
+# then stops the daemon the way the platform does and ends the helpers itself.
+setsid build/bin/slasim --root "$root" wlan0=1200 rmnet_data0=800 > "$root/slasim.log" 2>&1 &
+pids+=($!)
+: > "$root/vekt.log"
+setsid tail -q -n +1 -F "$root/vekt.log" "$root/rules.log" 2>/dev/null &
+pids+=($!)
+setsid "${netns[@]}" build/bin/vekt --root "$root" 2> "$root/vekt.log" &
 daemon=$!
+pids+=($daemon)
+
+"${vektctl[@]}" interfaces wlan0,rmnet_data0
+cat <<EOF
+
+== demo root: $root
+== the daemon registered wlan0 and rmnet_data0, mapped their statistics and spreads new
+   connections 75/25 (see the RULE lines and "Updated Ratio"). From another terminal try:
+     build/bin/vektctl --root $root sla-uids 10123,10234
+     build/bin/vektctl --root $root wifi-gateway 192.168.1.1
+     build/bin/vektctl --help
+== Ctrl-C stops the daemon cleanly.
+
+EOF
 
 stop() {
     trap - INT TERM
     echo
     echo "== stopping: vendor.sla.enabled = 2"
+    # The daemon stops only while a client is connected, as the platform service always is;
+    # this one sends a change that changes nothing and stays until the daemon hangs up.
+    setsid "${vektctl[@]}" --stay interface-mode 1 &
+    pids+=($!)
+    sleep 0.2
     echo 2 > "$root/properties/vendor.sla.enabled"
-    # After its shutdown the daemon idles on purpose (as on a device); end it once it says so.
+    # After its cleanup the daemon idles on purpose (as on a device); end it once it says so.
     for _ in $(seq 100); do
         grep -q "Vekt exiting" "$root/vekt.log" 2>/dev/null && break
         sleep 0.1
     done
-    kill "$daemon" 2>/dev/null || true
-    wait "$daemon" 2>/dev/null || true
-    kill "$tailer" 2>/dev/null || true
-    echo "== stopped"
+    sleep 0.3
+    echo "== stopped; commands slasim received:"
+    sed 's/^/   /' "$root/slasim.log"
     exit 0
 }
 trap stop INT TERM

@@ -508,11 +508,12 @@ TEST_F(IptablesManagerTest, RatioUpdateSkipsWhatItCannotRuleAndReportsFailure) {
     for (const std::string& failing : runner_.lines()) {
         SCOPED_TRACE(failing);
         log_.clear();
-        runner_.failWhen([&](const std::string& line) { return line == failing; });
+        runner_.failWhen([failing](const std::string& line) { return line == failing; });
         EXPECT_EQ(setRatios(links), -1);
         EXPECT_EQ(errors(), Lines({"SEND SLA NDC COMMAND - FAIL  " + failing + " ",
                                    "set_SLA_ratio_iptables Failure when setting SLA Ratios "}));
     }
+    runner_.failWhen([](const std::string&) { return false; });
 }
 
 // The manager against the test's recording wrapper tools: real processes, device paths
