@@ -53,18 +53,32 @@ void copyOut(char* dest, size_t size, const char* src, size_t length) {
     dest[length] = '\0';
 }
 
+// main starts the control-socket thread before it creates this singleton, so a command
+// that arrives at once (an interface, VoIP) can race main's first call: creation is locked.
+// A leaf lock: nothing else is taken while it is held.
+std::mutex& instanceMutex() {
+    static std::mutex m;
+    return m;
+}
+
 }  // namespace
 
 SlaStatsImpl* SlaStatsImpl::instance() {
+    std::lock_guard<std::mutex> lock(instanceMutex());
     if (sInstance == nullptr) sInstance = new SlaStatsImpl();
     return sInstance;
 }
 
 void SlaStatsImpl::finalize() {
-    if (sInstance == nullptr) return;
-    sInstance->freeMmap();
-    delete sInstance;
-    sInstance = nullptr;
+    SlaStatsImpl* impl;
+    {
+        std::lock_guard<std::mutex> lock(instanceMutex());
+        impl = sInstance;
+        sInstance = nullptr;
+    }
+    if (impl == nullptr) return;
+    impl->freeMmap();
+    delete impl;
 }
 
 SlaStatsImpl::~SlaStatsImpl() {

@@ -5,10 +5,10 @@
 
 #include <cutils/properties.h>
 #include <log/log.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-
-#include <fstream>
+#include <sys/types.h>
 
 #include "core/device_root.h"
 
@@ -146,19 +146,24 @@ void Parameters::init() {
 }
 
 void Parameters::readVektConfFile(const char* path) {
-    std::ifstream file(path);
-    if (!file.is_open()) {
+    // "e": close-on-exec, like every descriptor of the daemon.
+    FILE* file = fopen(path, "re");
+    if (file == nullptr) {
         ALOGE("read vekt conf file failed!");
         return;
     }
     std::vector<std::string> lines;
-    std::string line;
-    while (std::getline(file, line)) {
+    char* buffer = nullptr;
+    size_t capacity = 0;
+    for (ssize_t length; (length = getline(&buffer, &capacity, file)) >= 0;) {
+        std::string line(buffer, static_cast<size_t>(length));
+        if (!line.empty() && line.back() == '\n') line.pop_back();
         trim(line);
         if (line.empty() || line[0] == '#') continue;
         lines.push_back(line);
     }
-    file.close();
+    free(buffer);
+    fclose(file);
     fromVector(lines);
 }
 

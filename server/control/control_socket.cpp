@@ -38,6 +38,20 @@ constexpr const char* kThreadName = "vekt-socket";
 
 static_assert(sizeof(sockaddr_un) == 110, "the peer address buffer is one Unix address");
 
+// The signal that signal_handler caught and the socket thread has not logged yet, 0 for
+// none. A lock-free atomic is the only state a handler may touch.
+std::atomic<int> gReceivedSignal{0};
+static_assert(std::atomic<int>::is_always_lock_free, "written from a signal handler");
+
+// Logs the line for a caught signal on the socket thread, once its blocking call returned.
+// errno is kept for the caller, which reports the failure of that call.
+void logReceivedSignal() {
+    int savedErrno = errno;
+    int sig = gReceivedSignal.exchange(0);
+    if (sig != 0) ALOGI("Received signal %d\n", sig);
+    errno = savedErrno;
+}
+
 // Swaps the shared epoll descriptor out and closes it. The exchange makes sure that the
 // socket thread (on a restart) and stopSocketThreads never both close the same descriptor.
 void closeSharedEpollFd() {
@@ -62,6 +76,7 @@ ServeResult serveConnection(int connFd, msg_t* recvBuf, msg_t* copyBuf) {
         struct epoll_event event = {};
         int ready = epoll_wait(gEpollFd.load(), &event, 1, -1);
         if (ready == -1) {
+            logReceivedSignal();
             // SIGUSR1 from stopSocketThreads lands here; the next wait then runs on the
             // descriptor it closed and fails with another error, with the flag at -1.
             if (errno == EINTR) continue;
@@ -98,14 +113,11 @@ ServeResult serveConnection(int connFd, msg_t* recvBuf, msg_t* copyBuf) {
 
 }  // namespace
 
-// The logger is not async-signal-safe. The signal is only ever sent to the socket thread,
-// and a stop is meant for a thread that is parked in epoll_wait (or accept), not one that is
-// inside a log call.
-void signal_handler(int sig) {
-    int savedErrno = errno;  // the interrupted code may still look at errno
-    ALOGI("Received signal %d\n", sig);
-    errno = savedErrno;
-}
+// The stop can arrive while the socket thread is anywhere, inside a log call or malloc of
+// a command handler included, and the logger is not async-signal-safe (it formats, takes
+// locks and allocates): logging here could deadlock the thread that stopSocketThreads then
+// joins. The handler only notes the signal; the thread logs it when its call returns.
+void signal_handler(int sig) { gReceivedSignal.store(sig); }
 
 int createSocket(const char* name) {
     if (name == nullptr) {
@@ -171,6 +183,7 @@ void* socketThreadHandle(void* /*unused*/) {
         int accepted =
             accept4(listenFd, reinterpret_cast<struct sockaddr*>(&peer), &peerLength, SOCK_CLOEXEC);
         if (accepted < 0) {
+            logReceivedSignal();
             ALOGE("accept fail, error=%s\n", strerror(errno));
             continue;
         }
@@ -188,6 +201,7 @@ void* socketThreadHandle(void* /*unused*/) {
         if (serveConnection(connFd, &recvBuf, &copyBuf) == ServeResult::kStop) break;
     }
 
+    logReceivedSignal();
     ALOGI("socket Thread exit");
     closeSharedEpollFd();
     connFd.reset();

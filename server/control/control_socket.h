@@ -46,6 +46,7 @@ void* socketThreadHandle(void* unused);
 // Stops and joins the socket thread (see the stop protocol above); returns the join result,
 // or -1 when the thread could not be signalled.
 int stopSocketThreads();
-// SIGUSR1: only logs, so that the signal interrupts the socket thread's blocking call
-// without ending the process.
+// SIGUSR1: caught so that the signal interrupts the socket thread's blocking call without
+// ending the process. It only notes the signal; the socket thread logs
+// "Received signal %d" once the interrupted call has returned.
 void signal_handler(int sig);

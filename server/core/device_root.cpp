@@ -26,7 +26,8 @@ void DeviceRoot::set(const std::string& dir) {
     rootDir() = trimmed == "/" ? std::string() : trimmed;
 }
 
-const std::string& DeviceRoot::get() {
+std::string DeviceRoot::get() {
+    // A copy: a reference would be read after the lock is gone.
     std::lock_guard<std::mutex> lock(rootMutex());
     return rootDir();
 }

@@ -10,7 +10,7 @@ class DeviceRoot {
 public:
     // Sets the root; an empty text means the device paths are used as they stand.
     static void set(const std::string& dir);
-    static const std::string& get();
+    static std::string get();
     // The file to open for a device path such as "/proc/sla/config".
     static std::string map(const std::string& devicePath);
 };

@@ -48,10 +48,12 @@ int main(int argc, char** argv) {
     createSocketThreads(params);
     SlaStatsImpl* stats = SlaStatsImpl::instance();
     stats->enableSLA(true);
+    // pending: link selection is initialised here.
 
     // The body runs at least once, before the property is first looked at.
     do {
         stats->evalAndSetSLAInterfaceRatio();
+        // pending: link selection chooses the best link.
         sleepMs(params->get(MINI_EST_INTERVAL));
     } while (params->getSLAVendorProp() != kStopValue);
 
@@ -59,6 +61,7 @@ int main(int argc, char** argv) {
     stopSocketThreads();
     ALOGE("Slm disabled, starting cleanup...\n");
     stats->enableSLA(false);
+    // pending: destroy the sockets of every gaming UID, then clean up link selection.
     IptablesManager::clean_SLM_iptables();
     SlaStatsImpl::finalize();
     ALOGI("Vekt exiting");

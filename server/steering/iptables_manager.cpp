@@ -141,6 +141,7 @@ IptablesManager::~IptablesManager() {
         runCommandUncounted(IPTABLES " -w -t mangle -F tarn_SLS");
         runCommandUncounted(IPTABLES " -w -t mangle -X tarn_SLS");
     }
+    // pending: the selection UID chains of every interface go first.
     // The per-interface removals take iptablesMutex themselves, so the lock is released
     // first. With the fixed chains already emptied nothing refers to the per-interface chains
     // any more when they are deleted; their own steps on the fixed chains (the tarn_SLA
@@ -283,7 +284,10 @@ int IptablesManager::updateInterfaceIptables(const char* ifname, bool add) {
     if (add) {
         (void)create_SLM_FWMARK_chain_for_iface(iface);
         (void)setup_slm_whitelist();
+        // pending: the dual Wi-Fi, SLA and dual data UID whitelists, in this order, and the
+        // interface's selection UID chains while VoIP or gaming runs.
     } else {
+        // pending: the interface's selection UID chains go first while VoIP or gaming runs.
         (void)remove_SLM_FWMARK_chain_for_iface(iface);
     }
     return 0;

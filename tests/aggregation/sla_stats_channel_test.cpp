@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <mutex>
 #include <string>
@@ -89,6 +90,27 @@ protected:
 
     SlaStatsImpl* impl_ = nullptr;
 };
+
+TEST_F(SlaChannelTest, ConcurrentFirstCallsCreateOneInstance) {
+    // main creates the singleton only after the control-socket thread runs, so a command
+    // handler can make the first call at the same moment as main.
+    SlaStatsImpl::finalize();
+    constexpr int kCallers = 8;
+    std::atomic<bool> go{false};
+    std::vector<SlaStatsImpl*> seen(kCallers, nullptr);
+    std::vector<std::thread> callers;
+    for (int i = 0; i < kCallers; ++i) {
+        callers.emplace_back([&, i] {
+            while (!go) {
+            }
+            seen[i] = SlaStatsImpl::instance();
+        });
+    }
+    go = true;
+    for (std::thread& caller : callers) caller.join();
+    impl_ = SlaStatsImpl::instance();
+    for (SlaStatsImpl* instance : seen) EXPECT_EQ(instance, impl_);
+}
 
 TEST_F(SlaChannelTest, EnablingWithNoInterfacesSendsSettingsThenEnable) {
     ConfigFifo fifo(root_.path("/proc/sla/config"));

@@ -86,6 +86,13 @@ TEST_F(SettingsTest, SettingsFileQuirks) {
     EXPECT_EQ(p->m_ifaceParams[2], "wlan0,0,wlan0,0x200000,1,0,0,0,ffffffffffff");
 }
 
+TEST_F(SettingsTest, LinesEndAtNewlinesAndTheLastNeedsNone) {
+    root_.writeConf("wan_threshold = 7\n\n  \n#x\nmini_est_interval = 250");
+    Parameters* p = params();
+    EXPECT_EQ(p->get(WAN_THRESHOLD), 7);
+    EXPECT_EQ(p->get(MINI_EST_INTERVAL), 250);
+}
+
 TEST_F(SettingsTest, SetValueReportsKnownKeysOnly) {
     Parameters* p = params();
     EXPECT_EQ(p->setValue("t_hyst_s", "10"), 1);

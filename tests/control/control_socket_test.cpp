@@ -16,6 +16,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -204,6 +205,25 @@ TEST_F(ControlSocketTest, StartsTheThreadAndStopsItWhileAClientIsConnected) {
     EXPECT_TRUE(log_.contains("socket Thread exit"));
     char byte;
     EXPECT_EQ(recv(client, &byte, 1, 0), 0);  // the thread closed the connection
+}
+
+TEST_F(ControlSocketTest, TheHandlerOnlyNotesTheSignalAndTheSocketThreadLogsIt) {
+    // The stop may land while the thread is inside the logger (or malloc); the handler
+    // must not log itself, or it could deadlock the thread that is about to be joined.
+    signal_handler(SIGUSR1);
+    EXPECT_TRUE(log_.texts().empty());
+
+    startThread();
+    unique_fd client = servedClient();
+    EXPECT_FALSE(log_.contains("Received signal " + std::to_string(SIGUSR1)));
+    EXPECT_EQ(stopSocketThreads(), 0);
+    // The noted signal and the stop's own one make one line, before the thread's last.
+    const Lines lines = log_.texts("SLM-Vekt-VektSocket-Server");
+    const auto received =
+        std::find(lines.begin(), lines.end(), "Received signal " + std::to_string(SIGUSR1));
+    ASSERT_NE(received, lines.end());
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), *received), 1);
+    EXPECT_EQ(std::find(lines.begin(), lines.end(), "socket Thread exit"), received + 1);
 }
 
 TEST_F(ControlSocketTest, LengthAbove1023IsDroppedAndAnyOtherLengthPasses) {
