@@ -1,109 +1,62 @@
 // The statistics channel under a test root: the command FIFO, the mapped statistics files
 // and the VoIP state file.
-#include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <string.h>
-#include <sys/mman.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "aggregation/sla_stats_data.h"
 #include "aggregation/sla_stats_impl.h"
-#include "aggregation/stats_file.h"
-#include "support/parameters_fixture.h"
+#include "aggregation/stats_ring_fixture.h"
 
 namespace vekt::test {
 namespace {
 
 using Commands = std::vector<std::string>;
-using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
 
-// The module's side of "/proc/sla/config": a FIFO that we hold open for reading (and
-// writing, so it never reports end-of-file) and drain after each step.
-class ConfigFifo {
-public:
-    explicit ConfigFifo(const std::string& path) : path_(path) {
-        if (mkfifo(path.c_str(), 0600) == 0) {
-            fd_ = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
-        }
+// The commands written to the module's FIFO since the last call, each a text and its NUL.
+Commands drain(int fifo) {
+    std::string bytes;
+    char buffer[4096];
+    for (ssize_t n; (n = read(fifo, buffer, sizeof(buffer))) > 0;) bytes.append(buffer, n);
+    Commands commands;
+    for (size_t start = 0, nul; (nul = bytes.find('\0', start)) != std::string::npos;
+         start = nul + 1) {
+        commands.push_back(bytes.substr(start, nul - start));
     }
-    ~ConfigFifo() {
-        if (fd_ >= 0) close(fd_);
-        unlink(path_.c_str());
-    }
-    bool ok() const { return fd_ >= 0; }
+    return commands;
+}
 
-    // Commands written since the last call; each is a text and its NUL.
-    Commands take() {
-        std::string bytes;
-        char buffer[4096];
-        for (ssize_t n; (n = read(fd_, buffer, sizeof(buffer))) > 0;) bytes.append(buffer, n);
-        Commands commands;
-        size_t start = 0;
-        for (size_t nul; (nul = bytes.find('\0', start)) != std::string::npos; start = nul + 1) {
-            commands.push_back(bytes.substr(start, nul - start));
-        }
-        if (start != bytes.size()) commands.push_back("<unterminated>" + bytes.substr(start));
-        return commands;
-    }
-
-private:
-    std::string path_;
-    int fd_ = -1;
-};
-
-class SlaChannelTest : public ParametersTest {
+class SlaChannelTest : public SlaStatsTest {
 protected:
-    void SetUp() override {
-        SlaStatsImpl::finalize();
-        impl_ = SlaStatsImpl::instance();
+    // A whole statistics file, put in place in one step as the module does.
+    void writeRing(const std::string& name) const {
+        const std::string path = "/proc/sla/" + name + "_mmap";
+        root_.writeFile(path + ".tmp", std::string(kStatsFileSize, '\0'));
+        EXPECT_EQ(rename(root_.path(path + ".tmp").c_str(), root_.path(path).c_str()), 0);
     }
-    void TearDown() override { SlaStatsImpl::finalize(); }
-
-    std::string ringPath(const std::string& name) const {
-        return root_.path("/proc/sla/" + name + "_mmap");
-    }
-
-    // A complete statistics file, put in place in one step as the module would have it.
-    void writeRing(const std::string& name, size_t size = kStatsFileSize) const {
-        std::string bytes(size, '\0');
-        const uint32_t magic = kStatsMagic;
-        memcpy(bytes.data(), &magic, sizeof(magic));
-        const std::string temp = ringPath(name) + ".tmp";
-        root_.writeFile(temp.substr(root_.dir().size()), bytes);
-        ASSERT_EQ(rename(temp.c_str(), ringPath(name).c_str()), 0);
-    }
-
-    linkStatsWrapper_t* record(const std::string& name) {
-        std::lock_guard<std::mutex> lock(slaStatsMutex);
-        auto entry = impl_->m_slaInterfaceMap.find(name);
-        return entry == impl_->m_slaInterfaceMap.end() ? nullptr : entry->second;
-    }
-
-    SlaStatsImpl* impl_ = nullptr;
+    const linkStatsWrapper_t* record(const char* name) { return impl_->m_slaInterfaceMap.at(name); }
 };
 
 TEST_F(SlaChannelTest, ConcurrentFirstCallsCreateOneInstance) {
-    // main creates the singleton only after the control-socket thread runs, so a command
-    // handler can make the first call at the same moment as main.
+    // main creates the instance only once the control-socket thread runs: a command can race it.
     SlaStatsImpl::finalize();
-    constexpr int kCallers = 8;
     std::atomic<bool> go{false};
-    std::vector<SlaStatsImpl*> seen(kCallers, nullptr);
+    std::vector<SlaStatsImpl*> seen(8);
     std::vector<std::thread> callers;
-    for (int i = 0; i < kCallers; ++i) {
-        callers.emplace_back([&, i] {
-            while (!go) {
-            }
-            seen[i] = SlaStatsImpl::instance();
+    for (SlaStatsImpl*& instance : seen) {
+        callers.emplace_back([&go, &instance] {
+            while (!go) std::this_thread::yield();
+            instance = SlaStatsImpl::instance();
         });
     }
     go = true;
@@ -112,204 +65,76 @@ TEST_F(SlaChannelTest, ConcurrentFirstCallsCreateOneInstance) {
     for (SlaStatsImpl* instance : seen) EXPECT_EQ(instance, impl_);
 }
 
-TEST_F(SlaChannelTest, EnablingWithNoInterfacesSendsSettingsThenEnable) {
-    ConfigFifo fifo(root_.path("/proc/sla/config"));
-    ASSERT_TRUE(fifo.ok());
+TEST_F(SlaChannelTest, EnablingSendsTheSettingsEachInterfaceAndEnable) {
+    const std::string path = root_.path(SlaStatsImpl::kConfigFile);
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    EXPECT_EQ(impl_->writeStatsConfFile("enable=1"), -1);      // no reader: fails, never blocks
+    const int fifo = open(path.c_str(), O_RDWR | O_NONBLOCK);  // the module's end
     EXPECT_TRUE(impl_->enableSLA(true));
-    EXPECT_EQ(fifo.take(), (Commands{"protocols=http,https", "ports=80,443", "enable=1"}));
-    EXPECT_TRUE(impl_->initMmap());
-    EXPECT_TRUE(impl_->m_slaInterfaceMap.empty());
+    EXPECT_EQ(drain(fifo), (Commands{"protocols=http,https", "ports=80,443", "enable=1"}));
 
-    params()->setValue("protocols", "http");
-    params()->setValue("ports", "8080,8443");
-    EXPECT_TRUE(impl_->enableSLA(true));
-    EXPECT_EQ(fifo.take(), (Commands{"protocols=http", "ports=8080,8443", "enable=1"}));
-}
-
-TEST_F(SlaChannelTest, EnablingNamesEveryRegisteredInterfaceAndMapsItsStatistics) {
-    ConfigFifo fifo(root_.path("/proc/sla/config"));
-    ASSERT_TRUE(fifo.ok());
-    params()->UpdateInterface("wlan0", true);
-    params()->UpdateInterface("rmnet_data0", true);
-    writeRing("wlan0");
-    writeRing("rmnet_data0");
-    {
-        // An entry without a record (left by a lookup of an unknown name) is named too.
-        std::lock_guard<std::mutex> lock(interfaceMutex);
-        params()->m_interfaceInfoMap["dummy0"];
+    for (const char* name : {"wlan0", "rmnet_data0"}) {
+        params()->UpdateInterface(name, true);
+        writeRing(name);
     }
     EXPECT_TRUE(impl_->enableSLA(true));
-    EXPECT_EQ(fifo.take(), (Commands{"protocols=http,https", "ports=80,443", "iface=dummy0",
-                                     "iface=rmnet_data0", "iface=wlan0", "enable=1"}));
-    ASSERT_NE(record("wlan0"), nullptr);
-    ASSERT_NE(record("rmnet_data0"), nullptr);
-    EXPECT_EQ(record("dummy0"), nullptr);
-    ASSERT_NE(record("wlan0")->stats, nullptr);
-    ASSERT_NE(record("rmnet_data0")->stats, nullptr);
+    EXPECT_EQ(drain(fifo), (Commands{"protocols=http,https", "ports=80,443", "iface=rmnet_data0",
+                                     "iface=wlan0", "enable=1"}));
+    ASSERT_TRUE(record("wlan0")->stats && record("rmnet_data0")->stats);
     EXPECT_TRUE(record("wlan0")->stats->isWifi());
     EXPECT_FALSE(record("rmnet_data0")->stats->isWifi());
-    EXPECT_STREQ(record("wlan0")->name, "wlan0");
-    EXPECT_EQ(static_cast<const StatsFile*>(record("wlan0")->stats->mapping())->header.magic,
-              kStatsMagic);
-    EXPECT_TRUE(log_.contains("initMmap + rmnet_data0"));
-    EXPECT_TRUE(log_.contains("initMmap + wlan0"));
-
-    // Mapping again replaces the records (the old ones are freed with their mappings).
-    linkStatsWrapper_t* before = record("wlan0");
-    EXPECT_TRUE(impl_->initMmap());
-    EXPECT_EQ(impl_->m_slaInterfaceMap.size(), 2u);
-    EXPECT_NE(record("wlan0"), before);
 
     EXPECT_TRUE(impl_->enableSLA(false));
-    EXPECT_EQ(fifo.take(), (Commands{"enable=0"}));
+    EXPECT_EQ(drain(fifo), Commands{"enable=0"});
     EXPECT_TRUE(impl_->m_slaInterfaceMap.empty());
-}
-
-TEST_F(SlaChannelTest, InterfaceChangeReconfiguresTheModuleFromScratch) {
-    ConfigFifo fifo(root_.path("/proc/sla/config"));
-    ASSERT_TRUE(fifo.ok());
-    params()->UpdateInterface("wlan0", true);
-    writeRing("wlan0");
-    EXPECT_TRUE(impl_->updateSlaInterfacemap("wlan0", true));
-    EXPECT_EQ(fifo.take(), (Commands{"enable=0", "protocols=http,https", "ports=80,443",
-                                     "iface=wlan0", "enable=1"}));
-    EXPECT_TRUE(log_.contains("m_slaInterfaceMap add wlan0 success!"));
-    ASSERT_NE(record("wlan0"), nullptr);
-
-    params()->UpdateInterface("wlan0", false);
-    EXPECT_TRUE(impl_->updateSlaInterfacemap("wlan0", false));
-    EXPECT_EQ(fifo.take(),
-              (Commands{"enable=0", "protocols=http,https", "ports=80,443", "enable=1"}));
-    EXPECT_TRUE(log_.contains("m_slaInterfaceMap del wlan0 success!"));
-    EXPECT_TRUE(impl_->m_slaInterfaceMap.empty());
-}
-
-TEST_F(SlaChannelTest, VoipCommandsSetTheUidBeforeSwitchingOnAndAfterSwitchingOff) {
-    ConfigFifo fifo(root_.path("/proc/sla/config"));
-    ASSERT_TRUE(fifo.ok());
-    EXPECT_EQ(impl_->enableSlaVoipState(true, "10123"), 0);
-    EXPECT_EQ(fifo.take(), (Commands{"voip_uid=10123", "voip_enable=1"}));
-    EXPECT_EQ(impl_->enableSlaVoipState(false, "0"), 0);
-    EXPECT_EQ(fifo.take(), (Commands{"voip_enable=0", "voip_uid=0"}));
-}
-
-TEST_F(SlaChannelTest, CommandFileWithoutReaderFailsEachWrite) {
-    EXPECT_EQ(impl_->writeStatsConfFile("enable=1"), -1);
-    EXPECT_TRUE(log_.contains("open stats config file failed:No such file or directory"));
-    EXPECT_FALSE(impl_->enableSLA(true));
-    EXPECT_EQ(impl_->enableSlaVoipState(true, "1"), -1);
-
-    // A FIFO that nobody reads: the non-blocking open fails instead of waiting.
-    ASSERT_EQ(mkfifo(root_.path("/proc/sla/config").c_str(), 0600), 0);
-    log_.clear();
-    EXPECT_EQ(impl_->writeStatsConfFile("enable=1"), -1);
-    EXPECT_EQ(log_.texts("SLM-Vekt-SlaStatsImpl"),
-              Commands{"open stats config file failed:No such device or address"});
-    EXPECT_EQ(log_.records().back().priority, 6);
+    close(fifo);
 }
 
 TEST_F(SlaChannelTest, StatisticsFileThatAppearsLateIsMappedAtTheSecondTry) {
     params()->UpdateInterface("wlan0", true);
-    std::thread module([this]() {
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    std::thread module([this] {
+        std::this_thread::sleep_for(milliseconds(200));
         writeRing("wlan0");
     });
-    const auto start = Clock::now();
-    const bool mapped = impl_->initMmap();
-    const auto elapsed = Clock::now() - start;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(impl_->initMmap());
+    const auto elapsed = std::chrono::steady_clock::now() - start;
     module.join();
-    EXPECT_TRUE(mapped);
-    EXPECT_GE(elapsed, std::chrono::milliseconds(500));
-    EXPECT_LT(elapsed, std::chrono::milliseconds(1000));
-    ASSERT_NE(record("wlan0"), nullptr);
+    // The first look created an empty file, and an empty file is never mapped.
+    EXPECT_GE(elapsed, milliseconds(500));
+    EXPECT_LT(elapsed, milliseconds(1000));
     EXPECT_NE(record("wlan0")->stats, nullptr);
-    // The first look found no file: opening one creates it empty, and an empty file is
-    // never mapped (reading it would fault).
-    EXPECT_TRUE(log_.contains("mmap file /proc/sla/wlan0_mmap too short:0"));
 }
 
 TEST_F(SlaChannelTest, StatisticsFileThatNeverAppearsLeavesARecordWithoutStatistics) {
     params()->UpdateInterface("wlan0", true);
-    ASSERT_EQ(rmdir(root_.path("/proc/sla").c_str()), 0);  // nothing can be opened at all
-    const auto start = Clock::now();
+    ASSERT_EQ(rmdir(root_.path("/proc/sla").c_str()), 0);  // nothing can be opened there
     EXPECT_FALSE(impl_->initMmap());
-    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(1500));
-    EXPECT_EQ(log_.count("open mmap file failed:No such file or directory"), 3u);
-    ASSERT_NE(record("wlan0"), nullptr);
-    EXPECT_EQ(record("wlan0")->stats, nullptr);
-    EXPECT_TRUE(log_.contains("initMmap + wlan0"));
+    EXPECT_EQ(record("wlan0")->stats, nullptr);  // the record is there all the same
 }
 
-TEST_F(SlaChannelTest, OnlyWholeStatisticsFilesAreMapped) {
-    writeRing("wlan0", 100);
-    EXPECT_EQ(impl_->getStatsMmap("wlan0"), nullptr);
-    EXPECT_TRUE(log_.contains("mmap file /proc/sla/wlan0_mmap too short:100"));
-
-    writeRing("wlan0", kStatsFileSize - 1);
-    EXPECT_EQ(impl_->getStatsMmap("wlan0"), nullptr);
-
-    writeRing("wlan0");
-    void* mapping = impl_->getStatsMmap("wlan0");
-    ASSERT_NE(mapping, nullptr);
-    EXPECT_EQ(static_cast<const StatsFile*>(mapping)->header.magic, kStatsMagic);
-    munmap(mapping, kStatsFileSize);
-}
-
-class VoipStateTest : public SlaChannelTest {
-protected:
-    // Parses text with address and port buffers that start zeroed, as callers pass them.
-    int parse(const std::string& text, size_t addressSize = 32, size_t portSize = 32) {
+TEST_F(SlaChannelTest, VoipStateSplitsAtTheFirstCommaWithinTheCallersBuffers) {
+    // text, buffer sizes, length read, address and port then
+    const std::tuple<const char*, size_t, size_t, int, const char*, const char*> cases[] = {
+        {"16777343,20480", 32, 32, 14, "16777343", "20480"},
+        {"3232235777,5060,x\n", 32, 32, 18, "3232235777", "5060,x\n"},
+        {"1,345678901234567890123", 32, 32, 20, "1", "345678901234567890"},  // 20 bytes read
+        {"16777343,20480", 4, 3, 14, "167", "20"},
+        {"1,2", 32, 32, 3, "before", "before"},  // under 4 bytes: untouched
+        {"16777343", 32, 32, 8, "before", "before"},
+    };
+    for (const auto& [text, addressSize, portSize, length, address, port] : cases) {
+        SCOPED_TRACE(text);
         root_.writeFile(SlaStatsImpl::kVoipStateFile, text);
-        address_.assign(34, '\0');
-        port_.assign(34, '\0');
-        address_[addressSize] = port_[portSize] = '#';  // just past what the callee may use
-        return impl_->getSlaVoipState(address_.data(), addressSize, port_.data(), portSize);
+        std::string addressOut = "before" + std::string(28, '\0');
+        std::string portOut = addressOut;
+        addressOut[addressSize] = portOut[portSize] = '#';  // just past what may be written
+        EXPECT_EQ(impl_->getSlaVoipState(&addressOut[0], addressSize, &portOut[0], portSize),
+                  length);
+        EXPECT_STREQ(addressOut.c_str(), address);
+        EXPECT_STREQ(portOut.c_str(), port);
+        EXPECT_EQ(std::string({addressOut[addressSize], portOut[portSize]}), "##");
     }
-    std::string address() const { return address_.c_str(); }
-    std::string port() const { return port_.c_str(); }
-
-    std::string address_;
-    std::string port_;
-};
-
-TEST_F(VoipStateTest, AddressBeforeTheCommaAndTheRestAsPort) {
-    EXPECT_EQ(parse("16777343,20480"), 14);
-    EXPECT_EQ(address(), "16777343");
-    EXPECT_EQ(port(), "20480");
-
-    EXPECT_EQ(parse("1,2\n"), 4);  // a trailing newline stays with the port
-    EXPECT_EQ(address(), "1");
-    EXPECT_EQ(port(), "2\n");
-
-    EXPECT_EQ(parse("3232235777,5060,x"), 17);  // only the first comma splits
-    EXPECT_EQ(port(), "5060,x");
-
-    EXPECT_EQ(parse("123456789012345678901234567890"), 20);  // at most 20 bytes are read
-}
-
-TEST_F(VoipStateTest, ShortOrCommaLessStateLeavesTheBuffersUntouched) {
-    EXPECT_EQ(parse("1,2"), 3);
-    EXPECT_EQ(address(), "");
-    EXPECT_EQ(port(), "");
-    EXPECT_EQ(parse("16777343"), 8);
-    EXPECT_EQ(address(), "");
-    EXPECT_EQ(parse(""), 0);
-    EXPECT_EQ(port(), "");
-}
-
-TEST_F(VoipStateTest, CopiesStayInsideTheCallersBuffers) {
-    EXPECT_EQ(parse("16777343,20480", 4, 3), 14);
-    EXPECT_EQ(address(), "167");
-    EXPECT_EQ(port(), "20");
-    EXPECT_EQ(address_[4], '#');
-    EXPECT_EQ(port_[3], '#');
-}
-
-TEST_F(VoipStateTest, MissingStateFileIsAnError) {
-    char address[8] = {};
-    char port[8] = {};
-    EXPECT_EQ(impl_->getSlaVoipState(address, sizeof(address), port, sizeof(port)), -1);
-    EXPECT_TRUE(log_.contains("open voip state file failed:No such file or directory"));
 }
 
 }  // namespace

@@ -1,193 +1,108 @@
-// Rate estimation over rings built in memory.
+// Rate estimation over statistics rings built in memory.
 #include "aggregation/sla_stats_data.h"
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "aggregation/stats_ring_fixture.h"
-#include "support/parameters_fixture.h"
 
 namespace vekt::test {
 namespace {
 
-constexpr uint64_t kNow = 1700000000000ULL;  // the clock; samples are stamped around it
-constexpr const char* kDataTag = "SLM-Vekt-SlaStatsData";
+using Reading = std::pair<uint32_t, uint32_t>;  // rate, samples used
+constexpr uint32_t rateOf(uint64_t bytes, uint32_t ms) { return bytes * 8000 / 1024 / ms; }
 
 class LinkRateEstimateTest : public ParametersTest {
 protected:
-    LinkRateEstimateTest() : clockOverride_(clock_) {}
-
+    // The ring ends where an inaccessible page begins: a read past its end faults.
     void SetUp() override {
-        ASSERT_TRUE(ring_.ok());
-        params();  // settings at their defaults: stale 1500, window 500, minimum 50, cap 102400
+        const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        const size_t body = (kStatsFileSize + page - 1) / page * page;
+        mappedSize_ = body + page;
+        mapping_ = static_cast<char*>(
+            mmap(nullptr, mappedSize_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        ASSERT_EQ(mprotect(mapping_ + body, page, PROT_NONE), 0);
+        ring_ = reinterpret_cast<StatsFile*>(mapping_ + body - kStatsFileSize);
+        params();  // defaults: stale after 1500 ms, window 500 ms, minimum 50 ms, cap 102400 B
     }
+    void TearDown() override { munmap(mapping_, mappedSize_); }
 
-    uint32_t estimate(uint32_t* count, bool isWifi = true) {
-        SlaStatsData data(ring_.data(), isWifi);
-        return data.linkRateEstimate(count, "wlan0");
+    Reading read(bool isWifi = true) {
+        uint32_t count = 77;
+        const uint32_t rate = SlaStatsData(ring_, isWifi).linkRateEstimate(&count, "wlan0");
+        return {rate, count};
     }
+    void put(uint32_t k, uint64_t timeMs, uint32_t bytes, uint8_t kind = kSampleKindClosing,
+             uint8_t flag = 0) {
+        ring_->slots[k] = StatsSample{timeMs, bytes, 0, kind, flag};
+    }
+    std::vector<std::string> logged() const { return log_.texts("SLM-Vekt-SlaStatsData"); }
 
-    FixedClock clock_{kNow};
-    ScopedClockOverride clockOverride_;
-    MemoryRing ring_;
+    FixedClock clock_;
+    char* mapping_ = nullptr;
+    size_t mappedSize_ = 0;
+    StatsFile* ring_ = nullptr;
 };
 
-TEST_F(LinkRateEstimateTest, FileWithoutMagicIsNotReadyOnEveryPass) {
-    uint32_t count = 77;
-    EXPECT_EQ(estimate(&count), 0u);
-    EXPECT_EQ(estimate(nullptr), 0u);
-    EXPECT_EQ(count, 77u);  // the counter is only touched once the file is ready
-    EXPECT_EQ(log_.count("SLA stat colletct is not ready"), 2u);
-    ASSERT_FALSE(log_.records().empty());
-    EXPECT_EQ(log_.records().back().tag, kDataTag);
-    EXPECT_EQ(log_.records().back().priority, 6);
-
-    ring_.ready();  // magic alone, no samples: ready but empty
-    EXPECT_EQ(estimate(&count), 0u);
-    EXPECT_EQ(count, 0u);
-    EXPECT_EQ(log_.count("SLA stat colletct is not ready"), 2u);
+TEST_F(LinkRateEstimateTest, AllZeroFileIsNotReady) {
+    EXPECT_EQ(read(), Reading(0, 77));  // the count is left alone too
+    EXPECT_EQ(logged(), std::vector<std::string>{"SLA stat colletct is not ready"});
 }
 
-TEST_F(LinkRateEstimateTest, SteadyRingReadsItsRateOverTheWindow) {
-    // 20 ms samples: 24 fit below 500 ms, the 25th lands exactly on it (a tie) and counts.
-    ring_.steady(100, 60, kNow - 10, 20, bytesForRate(1000, 20));
-    uint32_t count = 0;
-    EXPECT_EQ(estimate(&count), 1000u);
-    EXPECT_EQ(count, 25u);
-
-    // Index 0 names sample 1279, and the walk runs on backwards from it.
-    MemoryRing other;
-    other.steady(1279, 60, kNow - 10, 20, bytesForRate(1500, 20)).newest(0);
-    SlaStatsData data(other.data(), false);
-    EXPECT_EQ(data.linkRateEstimate(&count, "rmnet_data0"), 1500u);
-    EXPECT_EQ(count, 25u);
+TEST_F(LinkRateEstimateTest, WalkWrapsFromSampleOneTo1279) {
+    // 20 ms apart: 24 samples fall short of the window, the 25th meets it and counts.
+    fillSteady(ring_, 1279, 60, kNow - 10, 20, bytesPer20Ms(1500));
+    ring_->header.newest = 0;  // stands for sample 1279
+    EXPECT_EQ(read(), Reading(1500, 25));
+    fillSteady(ring_, 3, 60, kNow - 10, 20, bytesPer20Ms(800));  // samples 3, 2, 1, 1279 ...
+    EXPECT_EQ(read(), Reading(800, 25));
 }
 
-TEST_F(LinkRateEstimateTest, WalkWrapsFromSampleOneToSampleTwelveSeventyNine) {
-    ring_.steady(3, 30, kNow, 20, bytesForRate(800, 20));  // slots 3, 2, 1, 1279, 1278 ...
-    uint32_t count = 0;
-    EXPECT_EQ(estimate(&count), 800u);
-    EXPECT_EQ(count, 25u);
+TEST_F(LinkRateEstimateTest, LastSampleCountsWhenThatLandsAtLeastAsCloseToTheWindow) {
+    fillSteady(ring_, 100, 60, kNow, 40, 1000);  // 12 short of 500 ms by 20, 13 over by 20
+    EXPECT_EQ(read(), Reading(rateOf(13000, 520), 13));
+    fillSteady(ring_, 100, 60, kNow, 60, 1000);  // 8 short by 20, 9 over by 40
+    EXPECT_EQ(read(), Reading(rateOf(8000, 480), 8));
 }
 
-TEST_F(LinkRateEstimateTest, WindowTakesTheLastSampleOnlyWhenThatLandsCloser) {
-    // Gaps of 200, 200 and then g ms. The last sample counts when 400 + g − 500 ≤ 500 − 400.
-    auto ringWithLastGap = [this](uint32_t gap) {
-        ring_.put(10, kNow, 1000).put(9, kNow - 200, 1000).put(8, kNow - 400, 1000);
-        ring_.put(7, kNow - 400 - gap, 1000).put(6, kNow - 400 - gap - 10, 1000);
-        ring_.ready().newest(10);
-    };
-    uint32_t count = 0;
-    ringWithLastGap(200);  // 600: 100 over, as far as 100 under: the tie includes it
-    EXPECT_EQ(estimate(&count), 3000u * 8000 / 1024 / 600);
-    EXPECT_EQ(count, 3u);
+TEST_F(LinkRateEstimateTest, WalkEndsAtAStaleSampleTheByteCapOrOnceAround) {
+    // Ages count from the wall clock + 1 ms: a sample stamped 1500 ms before it is stale.
+    fillSteady(ring_, 50, 200, kNow - 1500, 20, 5000);
+    EXPECT_EQ(read(), Reading(0, 0));
+    params()->setValue("ideal_est_window", "5000");  // wider than the stale limit
+    fillSteady(ring_, 50, 200, kNow - 19, 20, 100);  // the 75th is 1499 ms before: it counts
+    EXPECT_EQ(read(), Reading(rateOf(7500, 1500), 75));
 
-    ringWithLastGap(201);  // 601: one over the tie, left out
-    EXPECT_EQ(estimate(&count), 2000u * 8000 / 1024 / 400);
-    EXPECT_EQ(count, 2u);
+    fillSteady(ring_, 20, 10, kNow, 20, 60000);  // two samples pass the cap, within 40 ms
+    EXPECT_EQ(read(), Reading(rateOf(120000, 40), 2));
 
-    ringWithLastGap(150);
-    EXPECT_EQ(estimate(&count), 3000u * 8000 / 1024 / 550);
-    EXPECT_EQ(count, 3u);
+    for (uint32_t k = 1; k <= kStatsSampleCount; ++k) put(k, kNow, 1);  // no time passes
+    EXPECT_EQ(read(), Reading(0, kStatsSampleCount - 1));
 }
 
-TEST_F(LinkRateEstimateTest, StaleSamplesEndTheWalk) {
-    // Newest sample 1500 ms old: with now = wall + 1 it is just stale.
-    ring_.steady(50, 200, kNow - 1500, 20, 5000);
-    uint32_t count = 9;
-    EXPECT_EQ(estimate(&count), 0u);
-    EXPECT_EQ(count, 0u);
-
-    // One ms earlier it is still fresh and counts, measured from its stale predecessor
-    // (a start is never checked for age); 20 ms is under the 50 ms minimum.
-    clock_.setMs(kNow - 1);
-    EXPECT_EQ(estimate(&count), 0u);
-    EXPECT_EQ(count, 1u);
-
-    // With a window wider than the stale limit the age check is what ends the walk: the
-    // samples up to 1480 ms old count, the one of 1500 ms ends it.
-    clock_.setMs(kNow);
-    params()->setValue("ideal_est_window", "5000");
-    ring_.steady(50, 200, kNow, 20, 100);
-    EXPECT_EQ(estimate(&count), 7500u * 8000 / 1024 / 1500);
-    EXPECT_EQ(count, 75u);
+TEST_F(LinkRateEstimateTest, StepAndFlaggedSamplesAreSteppedOver) {
+    put(6, kNow, 1000);                                 // measured from sample 4:
+    put(5, kNow - 50, 900000, kSampleKindStep);         // a step sample is never a start,
+    put(4, kNow - 100, 900000, kSampleKindClosing, 1);  // a flagged one never a measurement
+    put(3, kNow - 150, 2000);
+    put(2, kNow - 200, 4000);  // its start, sample 1, was never written: the walk ends
+    ring_->header = StatsFileHeader{kStatsMagic, 0, 6, 0};
+    EXPECT_EQ(read(), Reading(rateOf(3000, 150), 2));
 }
 
-TEST_F(LinkRateEstimateTest, ByteCapEndsTheWalkAndOverridesTheMinimumWindow) {
-    ring_.steady(20, 10, kNow, 20, 60000);
-    uint32_t count = 0;
-    // Two samples make 120000 bytes ≥ 102400; 40 ms is under the 50 ms minimum, but the
-    // cap is exceeded, so the rate is reported anyway.
-    EXPECT_EQ(estimate(&count), 120000u * 8000 / 1024 / 40);
-    EXPECT_EQ(count, 2u);
-
-    params()->m_rateByteCap = 200000;
-    EXPECT_EQ(estimate(&count), 240000u * 8000 / 1024 / 80);
-    EXPECT_EQ(count, 4u);
-
-    // Below the cap and under the minimum window: nothing to report.
-    MemoryRing small;
-    small.steady(5, 3, kNow, 20, 1000);
-    SlaStatsData data(small.data(), true);
-    EXPECT_EQ(data.linkRateEstimate(&count, "wlan0"), 0u);
-    EXPECT_EQ(count, 2u);
-    params()->setValue("mini_rate_window", "40");
-    EXPECT_EQ(data.linkRateEstimate(&count, "wlan0"), 2000u * 8000 / 1024 / 40);
-}
-
-TEST_F(LinkRateEstimateTest, StepSamplesAndFlaggedSamplesAreSteppedOver) {
-    ring_.put(5, kNow, 1000);            // measured against sample 2
-    ring_.put(4, kNow - 30, 900000, 1);  // kind 1: skipped as a predecessor
-    ring_.put(3, kNow - 60, 900000, 1);
-    ring_.put(2, kNow - 100, 2000);                        // measured against sample 1
-    ring_.put(1, kNow - 150, 900000, 2, 1);                // flagged: a start, not a measurement
-    ring_.put(1279, kNow - 200, 900000, 7);                // unknown kind: stepped over
-    ring_.put(1278, kNow - 220, 4000);                     // measured against 1277
-    ring_.put(1277, kNow - 260, 0, 2, 0).put(1276, 0, 0);  // 1276 unwritten: the walk ends
-    ring_.ready().newest(5);
-    uint32_t count = 0;
-    EXPECT_EQ(estimate(&count), 7000u * 8000 / 1024 / (100 + 50 + 40 + 0));
-    EXPECT_EQ(count, 3u);
-
-    // A predecessor never written ends the whole walk, even with older samples behind it.
-    ring_.put(2, 0, 0);
-    EXPECT_EQ(estimate(&count), 0u);
-    EXPECT_EQ(count, 0u);
-}
-
-TEST_F(LinkRateEstimateTest, IndexPastTheRingIsLoggedAndWrappedNotFollowed) {
-    // 5000 lies far past the file; 4999 % 1279 + 1 = 1163 is where the walk starts.
-    ring_.steady(1163, 40, kNow, 20, bytesForRate(600, 20)).newest(5000);
-    uint32_t count = 0;
-    EXPECT_EQ(estimate(&count, true), 600u);
-    EXPECT_TRUE(log_.contains("WLAN:Index(4999) out of bound!"));
-
-    ring_.newest(1280);                      // one past the last sample: wraps to sample 1
-    EXPECT_EQ(estimate(&count, false), 0u);  // sample 1 was never written
-    EXPECT_TRUE(log_.contains("WWAN:Index(1279) out of bound!"));
-
-    ring_.newest(0xFFFFFFFFu);
-    estimate(&count);
-    EXPECT_TRUE(log_.contains("WLAN:Index(4294967294) out of bound!"));
-}
-
-TEST_F(LinkRateEstimateTest, RingThatNeverEndsIsWalkedOnceAround) {
-    // Every slot fresh and flagged: nothing ends the walk but its own bound.
-    for (uint32_t k = 1; k <= kStatsSampleCount; ++k) ring_.put(k, kNow - k, 10, 2, 1);
-    ring_.ready().newest(700);
-    uint32_t count = 5;
-    EXPECT_EQ(estimate(&count), 0u);
-    EXPECT_EQ(count, 0u);
-
-    // Every slot a step sample: the search for a predecessor is bounded as well.
-    for (uint32_t k = 1; k <= kStatsSampleCount; ++k) ring_.put(k, kNow - k, 10, 1);
-    ring_.put(700, kNow, 10);
-    EXPECT_EQ(estimate(&count), 0u);
-    EXPECT_EQ(count, 0u);
-
-    // Equal time stamps add no time, so the window is never filled.
-    for (uint32_t k = 1; k <= kStatsSampleCount; ++k) ring_.put(k, kNow, 1);
-    EXPECT_EQ(estimate(&count), 0u);
-    EXPECT_EQ(count, kStatsSampleCount - 1);
+TEST_F(LinkRateEstimateTest, IndexPastTheRingIsWrappedIntoItNotFollowed) {
+    fillSteady(ring_, 1279, 40, kNow, 20, bytesPer20Ms(600));
+    ring_->header.newest = 2558;  // (2558 - 1) % 1279 + 1 = 1279
+    EXPECT_EQ(read(), Reading(600, 25));
+    ring_->header.newest = 1280;  // wraps to sample 1, never written
+    EXPECT_EQ(read(false), Reading(0, 0));
+    EXPECT_EQ(logged(), (std::vector<std::string>{"WLAN:Index(2557) out of bound!",
+                                                  "WWAN:Index(1279) out of bound!"}));
 }
 
 }  // namespace
