@@ -233,5 +233,25 @@ TEST_F(IptablesManagerTest, ACommandThatCannotStartFailsTheOperation) {
     }
 }
 
+TEST_F(IptablesManagerTest, CommandsExpectedToFailHarmlesslyDoNotCount) {
+    // Creating a chain that exists and flushing chains about to go fail on a rerun or a
+    // missing chain; only the commands after them decide the operation's result.
+    auto failing = [&](const std::string& piece) {
+        runner_.failWhen([piece](const std::string& line) {
+            return line.find(piece) != std::string::npos;
+        });
+    };
+    InterfaceInfo_t* rmnet = link("rmnet_data0");
+    failing(" -N tarn_fw_");
+    EXPECT_EQ(manager_->create_SLM_FWMARK_chain_for_iface(rmnet), 0);
+    failing(" -F tarn_fw_rmnet_data0_wrapper");
+    EXPECT_EQ(manager_->create_SLM_FWMARK_chain_for_iface(rmnet), -1);
+    failing(" -F tarn_");  // tarn_SLA, the wrapper chain and the mark chain
+    EXPECT_EQ(manager_->remove_SLM_FWMARK_chain_for_iface(rmnet), 0);
+    failing(" -X tarn_fw_rmnet_data0_wrapper");
+    EXPECT_EQ(manager_->remove_SLM_FWMARK_chain_for_iface(rmnet), -1);
+    runner_.failWhen(nullptr);
+}
+
 }  // namespace
 }  // namespace vekt::test

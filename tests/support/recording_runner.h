@@ -1,6 +1,7 @@
 // A CommandRunner that records each command line instead of starting a process.
 #pragma once
 
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -16,7 +17,7 @@ public:
         for (const std::string& arg : argv) line += (line.empty() ? "" : " ") + arg;
         std::lock_guard<std::mutex> lock(mutex_);
         commands_.push_back(line);
-        return {startable_, ""};
+        return {startable_ && !(fails_ && fails_(line)), ""};
     }
 
     // Command lines as run, arguments joined by one blank.
@@ -30,11 +31,17 @@ public:
     }
     // false makes every command "impossible to start".
     void setStartable(bool startable) { startable_ = startable; }
+    // Command lines for which the predicate holds cannot be started; null clears it.
+    void failWhen(std::function<bool(const std::string&)> fails) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        fails_ = std::move(fails);
+    }
 
 private:
     mutable std::mutex mutex_;
     std::vector<std::string> commands_;
     bool startable_ = true;
+    std::function<bool(const std::string&)> fails_;
 };
 
 // Installs a RecordingRunner for the scope.
