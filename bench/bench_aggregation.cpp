@@ -3,7 +3,6 @@
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <mutex>
 #include <string>
@@ -13,23 +12,17 @@
 #include "aggregation/stats_file.h"
 #include "config/interface_info.h"
 #include "config/parameters.h"
-#include "core/clock.h"
 #include "core/device_root.h"
 #include "steering/execnetd.h"
 #include "steering/iptables_manager.h"
+#include "support/stats_rings.h"
+#include "support/temp_root.h"
 #include "vekt_host/log_capture.h"
 
 namespace {
 
-constexpr uint64_t kNow = 1700000000000ULL;
-constexpr uint32_t kStepMs = 20;
-
-class FixedClock : public vekt::Clock {
-public:
-    struct timeval wallTime() const override {
-        return {static_cast<time_t>(kNow / 1000), static_cast<suseconds_t>(kNow % 1000 * 1000)};
-    }
-};
+using vekt::test::bytesPer20Ms;
+using vekt::test::kNow;
 
 // Nothing is ever started: a rewrite during warm-up costs no process.
 class NullRunner : public vekt::CommandRunner {
@@ -38,30 +31,20 @@ public:
 };
 
 // A full ring: all 1279 slots written, 20 ms apart, the newest 5 ms before now. rate is in
-// 1024 bit/s.
+// 1024 bit/s. Mapped, not allocated: finalize unmaps it like a statistics file.
 void* makeRing(uint32_t rate, uint32_t newest) {
     void* memory = mmap(nullptr, vekt::kStatsFileSize, PROT_READ | PROT_WRITE,
                         MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) abort();
-    auto* file = static_cast<vekt::StatsFile*>(memory);
-    uint32_t k = newest;
-    for (uint32_t i = 0; i < vekt::kStatsSampleCount; ++i) {
-        file->slots[k] = {kNow - 5 - static_cast<uint64_t>(i) * kStepMs,
-                          rate * 128 * kStepMs / 1000, 0, vekt::kSampleKindClosing, 0};
-        k = k == 1 ? vekt::kStatsSampleCount : k - 1;
-    }
-    file->header.newest = newest;
-    file->header.magic = vekt::kStatsMagic;
+    vekt::test::fillSteady(static_cast<vekt::StatsFile*>(memory), newest, vekt::kStatsSampleCount,
+                           kNow - 5, 20, bytesPer20Ms(rate));
     return memory;
 }
 
 struct Setup {
-    Setup() : clockOverride(clock), runnerOverride(runner) {
+    Setup() : runnerOverride(runner) {
         vekt::host::setStderrEcho(false);
-        char dir[] = "/tmp/vekt-bench-XXXXXX";
-        if (mkdtemp(dir) == nullptr) abort();
-        root = dir;
-        vekt::DeviceRoot::set(root);
+        vekt::DeviceRoot::set(root.dir());
         Parameters* params = Parameters::instance();
         SlaStatsImpl* impl = SlaStatsImpl::instance();
         const struct {
@@ -87,14 +70,12 @@ struct Setup {
         IptablesManager::clean_SLM_iptables();
         Parameters::destroyInstanceForTest();
         vekt::DeviceRoot::set("");
-        rmdir(root.c_str());
     }
 
-    FixedClock clock;
-    vekt::ScopedClockOverride clockOverride;
+    vekt::test::TempRoot root;
+    vekt::test::FixedClock clock;
     NullRunner runner;
     vekt::ScopedCommandRunner runnerOverride;
-    std::string root;
 };
 
 void BM_EvaluationPassFourLinks(benchmark::State& state) {

@@ -38,12 +38,6 @@ Commands drain(int fifo) {
 
 class SlaChannelTest : public SlaStatsTest {
 protected:
-    // A whole statistics file, put in place in one step as the module does.
-    void writeRing(const std::string& name) const {
-        const std::string path = "/proc/sla/" + name + "_mmap";
-        root_.writeFile(path + ".tmp", std::string(kStatsFileSize, '\0'));
-        EXPECT_EQ(rename(root_.path(path + ".tmp").c_str(), root_.path(path).c_str()), 0);
-    }
     const linkStatsWrapper_t* record(const char* name) { return impl_->m_slaInterfaceMap.at(name); }
 };
 
@@ -75,7 +69,7 @@ TEST_F(SlaChannelTest, EnablingSendsTheSettingsEachInterfaceAndEnable) {
 
     for (const char* name : {"wlan0", "rmnet_data0"}) {
         params()->UpdateInterface(name, true);
-        writeRing(name);
+        root_.publishStatsFile(name);
     }
     EXPECT_TRUE(impl_->enableSLA(true));
     EXPECT_EQ(drain(fifo), (Commands{"protocols=http,https", "ports=80,443", "iface=rmnet_data0",
@@ -94,7 +88,7 @@ TEST_F(SlaChannelTest, StatisticsFileThatAppearsLateIsMappedAtTheSecondTry) {
     params()->UpdateInterface("wlan0", true);
     std::thread module([this] {
         std::this_thread::sleep_for(milliseconds(200));
-        writeRing("wlan0");
+        root_.publishStatsFile("wlan0");
     });
     const auto start = std::chrono::steady_clock::now();
     EXPECT_TRUE(impl_->initMmap());

@@ -7,7 +7,6 @@
 #include <tuple>
 
 #include "aggregation/sla_stats_impl.h"
-#include "aggregation/stats_file.h"
 #include "control/control_socket.h"
 #include "steering/iptables_manager.h"
 #include "support/parameters_fixture.h"
@@ -56,10 +55,7 @@ protected:
 };
 
 TEST_F(CommandHandlersTest, InterfaceListsAreDiffedWithRemovalsFirst) {
-    std::string stats(kStatsFileSize, '\0');  // as the kernel module publishes them
-    memcpy(stats.data(), &kStatsMagic, sizeof(kStatsMagic));
-    for (const char* name : {"wlan0", "rmnet_data0", "rmnet_data1"})
-        root_.writeFile("/proc/sla/" + std::string(name) + "_mmap", stats);
+    for (const char* name : {"wlan0", "rmnet_data0", "rmnet_data1"}) root_.publishStatsFile(name);
     send(MSG_UPDATE_INTERFACES, "wlan0");
     send(MSG_UPDATE_INTERFACES, "wlan0,rmnet_data0");
     EXPECT_EQ(diffed(), (Strings{"add Interfaces is wlan0", "add Interfaces is rmnet_data0"}));

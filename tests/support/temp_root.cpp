@@ -1,12 +1,16 @@
 #include "support/temp_root.h"
 
+#include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+
+#include "aggregation/stats_file.h"
 
 namespace vekt::test {
 
@@ -57,6 +61,16 @@ std::string TempRoot::installRecordingWrappers() const {
 }
 
 std::string TempRoot::recordedCommands() const { return readWholeFile(dir_ + "/commands.log"); }
+
+void TempRoot::publishStatsFile(const std::string& iface) const {
+    std::string file(kStatsFileSize, '\0');
+    memcpy(file.data(), &kStatsMagic, sizeof(kStatsMagic));
+    const std::string devicePath = "/proc/sla/" + iface + "_mmap";
+    writeFile(devicePath + ".tmp", file);
+    if (rename(path(devicePath + ".tmp").c_str(), path(devicePath).c_str()) != 0) {
+        throw std::runtime_error("cannot publish " + devicePath);
+    }
+}
 
 std::string readWholeFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);

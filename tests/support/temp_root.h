@@ -25,6 +25,9 @@ public:
     // "ip"); returns that log's path.
     std::string installRecordingWrappers() const;
     std::string recordedCommands() const;
+    // An empty statistics file for an interface, magic set, put in place in one step (by
+    // rename) as the kernel module publishes it.
+    void publishStatsFile(const std::string& iface) const;
 
 private:
     std::string dir_;
