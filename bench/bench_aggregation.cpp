@@ -12,7 +12,7 @@
 #include "aggregation/stats_file.h"
 #include "config/interface_info.h"
 #include "config/parameters.h"
-#include "core/device_root.h"
+#include "base/device_root.h"
 #include "steering/execnetd.h"
 #include "steering/iptables_manager.h"
 #include "support/stats_rings.h"
@@ -59,7 +59,7 @@ struct Setup {
             record->stats =
                 new SlaStatsData(makeRing(link.rate, newest), !vekt::isCellularName(link.name));
             newest += 300;  // each ring wraps at a different place
-            std::lock_guard<std::mutex> lock(slaStatsMutex);
+            vekt::MutexLock lock(slaStatsMutex);
             impl->m_slaInterfaceMap[link.name] = record;
         }
         // Settle the ratios; from here on every pass finds nothing to rewrite.

@@ -11,7 +11,7 @@
 #include <map>
 #include <string>
 
-#include "core/device_root.h"
+#include "base/device_root.h"
 #include "steering/execnetd.h"
 #include "vekt_host/log_capture.h"
 

@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "core/device_root.h"
+#include "base/device_root.h"
 
 namespace {
 

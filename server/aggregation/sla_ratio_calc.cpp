@@ -12,7 +12,7 @@
 #include "aggregation/sla_stats_data.h"
 #include "aggregation/sla_stats_impl.h"
 #include "config/parameters.h"
-#include "core/clock.h"
+#include "base/clock.h"
 #include "steering/iptables_manager.h"
 
 namespace {
@@ -31,14 +31,27 @@ std::string shiftedName(const char* name) {
 }
 
 // The registry record of a name; like the registry's own subscript, a miss leaves an empty
-// entry behind, which every reader skips. The caller holds interfaceMutex.
-InterfaceInfo_t* registryRecord(Parameters* params, const char* name) {
+// entry behind, which every reader skips.
+InterfaceInfo_t* registryRecord(Parameters* params, const char* name) REQUIRES(interfaceMutex) {
     return params->m_interfaceInfoMap[name];
 }
 
 // Only links with a mapped statistics file take part in measuring and sharing.
 bool takesPart(const linkStatsWrapper_t* record) {
     return record != nullptr && record->stats != nullptr;
+}
+
+// Calls visit(record, info) for each link that takes part and is registered, in name order.
+template <typename Visit>
+void forEachRegisteredLink(SlaInterfaceMap& map, Parameters* params, Visit visit)
+    REQUIRES(interfaceMutex, slaStatsMutex) {
+    for (auto& entry : map) {
+        linkStatsWrapper_t* record = entry.second;
+        if (!takesPart(record)) continue;
+        const InterfaceInfo_t* info = registryRecord(params, record->name);
+        if (info == nullptr) continue;
+        visit(*record, *info);
+    }
 }
 
 }  // namespace
@@ -76,31 +89,27 @@ bool SlaStatsImpl::evalAndSetSLAInterfaceRatio() {
     uint32_t wifiCount = 0;
     uint32_t cellCount = 0;
     {
-        std::lock_guard<std::mutex> interfaceLock(interfaceMutex);
-        std::lock_guard<std::mutex> statsLock(slaStatsMutex);
-        for (auto& entry : m_slaInterfaceMap) {
-            linkStatsWrapper_t* record = entry.second;
-            if (!takesPart(record)) continue;
-            const InterfaceInfo_t* info = registryRecord(params, record->name);
-            if (info == nullptr) continue;
-
-            uint32_t rate = record->stats->linkRateEstimate(&record->sampleCount, record->name);
-            if (static_cast<int64_t>(record->sampleCount) < packNum) rate = 0;
-            if (info->metered && static_cast<int64_t>(rate) < wanThreshold) rate = 0;
-            record->rate = rate;
+        vekt::MutexLock interfaceLock(interfaceMutex);
+        vekt::MutexLock statsLock(slaStatsMutex);
+        forEachRegisteredLink(m_slaInterfaceMap, params, [&](linkStatsWrapper_t& record,
+                                                            const InterfaceInfo_t& info) {
+            uint32_t rate = record.stats->linkRateEstimate(&record.sampleCount, record.name);
+            if (static_cast<int64_t>(record.sampleCount) < packNum) rate = 0;
+            if (info.metered && static_cast<int64_t>(rate) < wanThreshold) rate = 0;
+            record.rate = rate;
             // An idle pass credits the link with the best rate it showed within the window.
-            const uint32_t best = getMaxLinkRateFromHistory(record->history, rate, params);
-            if (record->rate == 0) record->rate = best;
+            const uint32_t best = getMaxLinkRateFromHistory(record.history, rate, params);
+            if (record.rate == 0) record.rate = best;
 
-            if (info->metered) {
-                cellSum += record->rate;
+            if (info.metered) {
+                cellSum += record.rate;
                 ++cellCount;
             } else {
-                wifiSum += record->rate;
-                wifiMax = std::max(wifiMax, record->rate);
+                wifiSum += record.rate;
+                wifiMax = std::max(wifiMax, record.rate);
                 ++wifiCount;
             }
-        }
+        });
     }
 
     const SLA_ratio_calc_process stage =
@@ -111,8 +120,8 @@ bool SlaStatsImpl::evalAndSetSLAInterfaceRatio() {
         return false;
     }
     // The daemon's one lock order: interfaceMutex, slaStatsMutex, then (inside) iptablesMutex.
-    std::lock_guard<std::mutex> interfaceLock(interfaceMutex);
-    std::lock_guard<std::mutex> statsLock(slaStatsMutex);
+    vekt::MutexLock interfaceLock(interfaceMutex);
+    vekt::MutexLock statsLock(slaStatsMutex);
     return IptablesManager::instance()->set_SLA_ratio_iptables(m_slaInterfaceMap) == 0;
 }
 
@@ -124,16 +133,15 @@ bool SlaStatsImpl::calcSlaRatios(SLA_ratio_calc_process stage, float cellSum, fl
 
     int n = 0;  // unmetered links taking part
     {
-        std::lock_guard<std::mutex> interfaceLock(interfaceMutex);
-        std::lock_guard<std::mutex> statsLock(slaStatsMutex);
-        for (auto& entry : m_slaInterfaceMap) {
-            if (!takesPart(entry.second)) continue;
-            const InterfaceInfo_t* info = registryRecord(params, entry.second->name);
-            if (info != nullptr && !info->metered) ++n;
-        }
+        vekt::MutexLock interfaceLock(interfaceMutex);
+        vekt::MutexLock statsLock(slaStatsMutex);
+        forEachRegisteredLink(m_slaInterfaceMap, params,
+                              [&n](linkStatsWrapper_t&, const InterfaceInfo_t& info) {
+                                  if (!info.metered) ++n;
+                              });
     }
 
-    const time_t now = vekt::clock().wallTime().tv_sec;
+    const time_t now = vekt::wallTime().tv_sec;
     bool logPass = false;
     if (now - m_lastRatioLogSec >= kRatioLogPeriodSec) {
         m_lastRatioLogSec = now;
@@ -152,21 +160,18 @@ bool SlaStatsImpl::calcSlaRatios(SLA_ratio_calc_process stage, float cellSum, fl
     }
     const float ratioShare = static_cast<float>(params->m_ratioPercent.load()) / 100.0f;
 
-    std::lock_guard<std::mutex> interfaceLock(interfaceMutex);
-    std::lock_guard<std::mutex> statsLock(slaStatsMutex);
+    vekt::MutexLock interfaceLock(interfaceMutex);
+    vekt::MutexLock statsLock(slaStatsMutex);
     if (m_slaInterfaceMap.empty()) return false;
 
     std::map<std::string, float> previousRatios;
     float remaining = 1.0f;
     int zeroCount = 0;
-    for (auto& entry : m_slaInterfaceMap) {
-        linkStatsWrapper_t* record = entry.second;
-        if (!takesPart(record)) continue;
-        const InterfaceInfo_t* info = registryRecord(params, record->name);
-        if (info == nullptr) continue;
-        previousRatios[record->name] = record->ratio;
+    forEachRegisteredLink(m_slaInterfaceMap, params, [&](linkStatsWrapper_t& record,
+                                                        const InterfaceInfo_t& info) {
+        previousRatios[record.name] = record.ratio;
 
-        const float rate = static_cast<float>(record->rate);
+        const float rate = static_cast<float>(record.rate);
         float share = 0.0f;   // what this link takes from the remainder
         float stored = 0.0f;  // what it keeps as its ratio
         if (stage == 0) {
@@ -177,9 +182,9 @@ bool SlaStatsImpl::calcSlaRatios(SLA_ratio_calc_process stage, float cellSum, fl
             }
             // Cellular gets nothing while Wi-Fi carries the load, yet its part still leaves
             // the remainder.
-            stored = info->metered ? 0.0f : share;
+            stored = info.metered ? 0.0f : share;
         } else if (stage == 1) {
-            if (!info->metered) {
+            if (!info.metered) {
                 share = wifiThreshold != 0 ? rate / wifiThreshold : 0.0f;
             } else if (cellSum != 0 && wifiThreshold != 0) {
                 share = (1.0f - wifiSum / wifiThreshold) * (rate / cellSum);
@@ -188,12 +193,12 @@ bool SlaStatsImpl::calcSlaRatios(SLA_ratio_calc_process stage, float cellSum, fl
         } else {
             ALOGE("%s unexpected behavior in calc ratio", "calcSlaRatios");
             ++zeroCount;
-            continue;
+            return;
         }
         remaining -= share;
-        record->ratio = stored;
+        record.ratio = stored;
         if (share == 0) ++zeroCount;
-    }
+    });
 
     const bool allIdle = wifiSum == 0 && cellSum == 0;
     float change = 0.0f;

@@ -6,7 +6,7 @@
 #include <log/log.h>
 
 #include "config/parameters.h"
-#include "core/clock.h"
+#include "base/clock.h"
 
 namespace {
 
@@ -48,9 +48,7 @@ uint32_t SlaStatsData::linkRateEstimate(uint32_t* sampleCount, const char* name)
     const uint32_t minWindow = static_cast<uint32_t>(params->get(MINI_RATE_WINDOW));
     const uint64_t byteCap = static_cast<uint32_t>(params->m_rateByteCap.load());
 
-    struct timeval wall = vekt::clock().wallTime();
-    const uint64_t now = static_cast<uint64_t>(wall.tv_sec) * 1000ULL +
-                         static_cast<uint64_t>(wall.tv_usec) / 1000ULL + 1;
+    const uint64_t now = vekt::toMs(vekt::wallTime()) + 1;
 
     // Bounds: the header index comes from the kernel. 0 stands for the last sample; anything
     // past the ring is logged and wrapped back into it, never used to read beyond the file.

@@ -22,11 +22,11 @@
 
 #include "aggregation/sla_stats_data.h"
 #include "config/parameters.h"
-#include "core/device_root.h"
+#include "base/device_root.h"
+#include "base/singleton_slot.h"
+#include "base/text.h"
 
-std::mutex slaStatsMutex;
-
-SlaStatsImpl* SlaStatsImpl::sInstance = nullptr;
+vekt::Mutex slaStatsMutex(vekt::LockLevel::kSlaStats, "slaStatsMutex");
 
 namespace {
 
@@ -45,37 +45,22 @@ void freeRecord(linkStatsWrapper_t* record) {
     delete record;
 }
 
-// Copies length bytes into a caller's buffer of size bytes, terminated, cut to fit.
-void copyOut(char* dest, size_t size, const char* src, size_t length) {
-    if (dest == nullptr || size == 0) return;
-    if (length > size - 1) length = size - 1;
-    memcpy(dest, src, length);
-    dest[length] = '\0';
-}
-
 // main starts the control-socket thread before it creates this singleton, so a command
-// that arrives at once (an interface, VoIP) can race main's first call: creation is locked.
-// A leaf lock: nothing else is taken while it is held.
-std::mutex& instanceMutex() {
-    static std::mutex m;
-    return m;
+// that arrives at once (an interface, VoIP) can race main's first call.
+vekt::SingletonSlot<SlaStatsImpl>& slot() {
+    static vekt::SingletonSlot<SlaStatsImpl> instance(vekt::LockLevel::kSingleton,
+                                                      "SlaStatsImpl singleton");
+    return instance;
 }
 
 }  // namespace
 
 SlaStatsImpl* SlaStatsImpl::instance() {
-    std::lock_guard<std::mutex> lock(instanceMutex());
-    if (sInstance == nullptr) sInstance = new SlaStatsImpl();
-    return sInstance;
+    return slot().getOrCreate([] { return new SlaStatsImpl(); });
 }
 
 void SlaStatsImpl::finalize() {
-    SlaStatsImpl* impl;
-    {
-        std::lock_guard<std::mutex> lock(instanceMutex());
-        impl = sInstance;
-        sInstance = nullptr;
-    }
+    SlaStatsImpl* impl = slot().take();
     if (impl == nullptr) return;
     impl->freeMmap();
     delete impl;
@@ -83,7 +68,7 @@ void SlaStatsImpl::finalize() {
 
 SlaStatsImpl::~SlaStatsImpl() {
     // freeMmap has emptied the map; this only guards a path that skipped it.
-    std::lock_guard<std::mutex> lock(slaStatsMutex);
+    vekt::MutexLock lock(slaStatsMutex);
     for (auto& entry : m_slaInterfaceMap) freeRecord(entry.second);
     m_slaInterfaceMap.clear();
 }
@@ -110,12 +95,11 @@ int SlaStatsImpl::writeStatsConfFile(const char* line) {
 bool SlaStatsImpl::enableSLA(bool enable) {
     if (enable) {
         Parameters* params = Parameters::instance();
-        // Room for the key, "=", the list and the NUL.
-        std::vector<char> line(params->m_protocols.size() + params->m_ports.size() + 32);
+        std::vector<char> line(params->statsLineCapacity());
         writeStatsConfFile(params->getStatsProtocols(line.data(), line.size()));
         writeStatsConfFile(params->getStatsPorts(line.data(), line.size()));
         {
-            std::lock_guard<std::mutex> lock(interfaceMutex);
+            vekt::MutexLock lock(interfaceMutex);
             for (const auto& entry : params->m_interfaceInfoMap) {
                 writeStatsConfFile(("iface=" + entry.first).c_str());
             }
@@ -131,9 +115,9 @@ bool SlaStatsImpl::enableSLA(bool enable) {
 
 bool SlaStatsImpl::initMmap() {
     Parameters* params = Parameters::instance();
-    std::lock_guard<std::mutex> interfaceLock(interfaceMutex);
+    vekt::MutexLock interfaceLock(interfaceMutex);
     if (params->m_interfaceInfoMap.empty()) {
-        std::lock_guard<std::mutex> lock(slaStatsMutex);
+        vekt::MutexLock lock(slaStatsMutex);
         return m_slaInterfaceMap.empty();
     }
     size_t mapped = 0;
@@ -156,14 +140,14 @@ bool SlaStatsImpl::initMmap() {
             ++mapped;
         }
         {
-            std::lock_guard<std::mutex> lock(slaStatsMutex);
+            vekt::MutexLock lock(slaStatsMutex);
             linkStatsWrapper_t*& slot = m_slaInterfaceMap[record->name];
             if (slot != record) freeRecord(slot);
             slot = record;
         }
         ALOGI("%s + %s\n", "initMmap", record->name);
     }
-    std::lock_guard<std::mutex> lock(slaStatsMutex);
+    vekt::MutexLock lock(slaStatsMutex);
     return mapped == m_slaInterfaceMap.size();
 }
 
@@ -201,7 +185,7 @@ void* SlaStatsImpl::getStatsMmap(std::string name) {
 }
 
 void SlaStatsImpl::freeMmap() {
-    std::lock_guard<std::mutex> lock(slaStatsMutex);
+    vekt::MutexLock lock(slaStatsMutex);
     for (auto& entry : m_slaInterfaceMap) freeRecord(entry.second);
     m_slaInterfaceMap.clear();
 }
@@ -250,8 +234,9 @@ int SlaStatsImpl::getSlaVoipState(char* address, size_t addressSize, char* port,
     // "address,port"; the port is everything after the comma, a trailing newline included.
     const char* comma = static_cast<const char*>(memchr(text, ',', static_cast<size_t>(length)));
     if (length >= 4 && comma != nullptr) {
-        copyOut(address, addressSize, text, static_cast<size_t>(comma - text));
-        copyOut(port, portSize, comma + 1, static_cast<size_t>(text + length - (comma + 1)));
+        vekt::copyBounded(address, addressSize, text, static_cast<size_t>(comma - text));
+        vekt::copyBounded(port, portSize, comma + 1,
+                          static_cast<size_t>(text + length - (comma + 1)));
     }
     return static_cast<int>(length);
 }

@@ -7,16 +7,15 @@
 #include <stdint.h>
 #include <time.h>
 
-#include <mutex>
 #include <string>
 
 #include "aggregation/link_stats.h"
-
-class Parameters;
+#include "base/mutex.h"
+#include "config/parameters.h"
 
 // Guards insertions into and the clearing of m_slaInterfaceMap, and the records in it.
-// Comes after interfaceMutex and before iptablesMutex (see config/parameters.h).
-extern std::mutex slaStatsMutex;
+// Comes after interfaceMutex and before iptablesMutex (see base/mutex.h).
+extern vekt::Mutex slaStatsMutex ACQUIRED_AFTER(interfaceMutex);
 
 // Stage of the ratio calculation: 0 Wi-Fi carries the load alone; 1 cellular links get
 // the part Wi-Fi cannot carry.
@@ -27,14 +26,15 @@ public:
     static constexpr const char* kConfigFile = "/proc/sla/config";
     static constexpr const char* kVoipStateFile = "/proc/sla/sla_voip_state";
 
+    // Creates the singleton on first use, whatever thread asks first.
     static SlaStatsImpl* instance();
     static void finalize();
 
     int writeStatsConfFile(const char* line);
     bool enableSLA(bool enable);
-    bool initMmap();
+    bool initMmap() EXCLUDES(interfaceMutex, slaStatsMutex);
     void* getStatsMmap(std::string name);
-    void freeMmap();
+    void freeMmap() EXCLUDES(slaStatsMutex);
     bool updateSlaInterfacemap(const char* name, bool add);
     int enableSlaVoipState(bool on, const char* uid);
     // Fills address and port (bounded by their sizes, terminated) from the VoIP state file
@@ -43,15 +43,15 @@ public:
     int getSlaVoipState(char* address, size_t addressSize, char* port, size_t portSize);
 
     // One measurement and ratio pass; true when the ratio rules were rewritten.
-    bool evalAndSetSLAInterfaceRatio();
+    bool evalAndSetSLAInterfaceRatio() EXCLUDES(interfaceMutex, slaStatsMutex);
     bool calcSlaRatios(SLA_ratio_calc_process stage, float cellSum, float wifiSum,
-                       float wifiMax);
+                       float wifiMax) EXCLUDES(interfaceMutex, slaStatsMutex);
     uint32_t getMaxLinkRateFromHistory(linkHistory_t& history, uint32_t rate,
                                        Parameters* params);
 
     // Guarded by slaStatsMutex. Owns its records, each record its SlaStatsData and the
     // mapping under it: all three go when the entry leaves the map.
-    SlaInterfaceMap m_slaInterfaceMap;
+    SlaInterfaceMap m_slaInterfaceMap GUARDED_BY(slaStatsMutex);
     time_t m_lastRatioLogSec = 0;  // wall-clock seconds of the last ratio log
 
 private:
@@ -60,5 +60,4 @@ private:
     SlaStatsImpl(const SlaStatsImpl&) = delete;
     SlaStatsImpl& operator=(const SlaStatsImpl&) = delete;
 
-    static SlaStatsImpl* sInstance;
 };

@@ -11,11 +11,4 @@ bool isCellularName(const char* name) {
 
 bool isWifiName(const char* name) { return strncmp(name, "wlan", 4) == 0; }
 
-void copyBounded(char* dest, size_t size, const char* src) {
-    if (size == 0) return;
-    size_t length = strnlen(src, size - 1);
-    memcpy(dest, src, length);
-    dest[length] = '\0';
-}
-
 }  // namespace vekt

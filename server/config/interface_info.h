@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "base/text.h"
+
 // A zero-filled heap block (calloc/free) owned by Parameters::m_interfaceInfoMap.
 // Texts are bounded copies, always terminated.
 struct InterfaceInfo_t {
@@ -35,7 +37,5 @@ constexpr const char* kUnknownBssid = "ffffffffffff";
 bool isCellularName(const char* name);
 // Wi-Fi interfaces: names beginning "wlan".
 bool isWifiName(const char* name);
-// Bounded copy into a fixed field: at most size - 1 characters, always terminated.
-void copyBounded(char* dest, size_t size, const char* src);
 
 }  // namespace vekt

@@ -8,7 +8,7 @@
 #include <algorithm>
 
 #include "config/parameters.h"
-#include "config/text_split.h"
+#include "base/text.h"
 
 namespace {
 
@@ -29,7 +29,12 @@ void Parameters::UpdateInterface(const char* name, bool add) {
     }
     populatIfaceslist(name);
     for (int i = 0; i < m_numInterfaces; ++i) {
-        InterfaceInfo_t* info = parseInterfaceParams(m_ifaceParams[i]);
+        std::string interfaceParams;
+        {
+            vekt::MutexLock lock(interfaceMutex);
+            interfaceParams = m_ifaceParams[i];
+        }
+        InterfaceInfo_t* info = parseInterfaceParams(interfaceParams);
         if (info == nullptr) continue;
         // On failure the record is still ours: addNewInterfacetoMap did not keep it.
         if (!addNewInterfacetoMap(info)) {
@@ -41,7 +46,7 @@ void Parameters::UpdateInterface(const char* name, bool add) {
 }
 
 void Parameters::populatIfaceslist(const char* names) {
-    m_ifaceList.clear();
+    m_ifaceList.set({});
     // The whole argument owns the mark: callers pass one interface name at a time.
     std::string mark = getValidInterfaceMark(names);
     std::vector<std::string> pieces = vekt::splitList(names);
@@ -51,8 +56,9 @@ void Parameters::populatIfaceslist(const char* names) {
         }
         pieces.resize(kMaxInterfaces);
     }
-    m_ifaceList = pieces;
+    m_ifaceList.set(pieces);
     m_numInterfaces = static_cast<int32_t>(pieces.size());
+    const std::string interfaceMode = m_interfaceMode.get();
 
     for (size_t i = 0; i < pieces.size(); ++i) {
         const std::string& name = pieces[i];
@@ -64,20 +70,25 @@ void Parameters::populatIfaceslist(const char* names) {
         } else if (hasPrefix(name, "wlan1")) {
             slave = "1";
         } else if (vekt::isCellularName(name.c_str())) {
-            metered = m_interfaceMode;
+            metered = interfaceMode;
             slave = getMeteredInterfaceSlaveStatus();
         }
-        m_ifaceParams[i] = name + "," + metered + "," + name + "," + mark + "," + isDefault +
-                           ",0,0" + "," + slave + "," + vekt::kUnknownBssid;
-        ALOGI("SLA m_ifaceParams[i] = %s", m_ifaceParams[i].c_str());
+        const std::string interfaceParams = name + "," + metered + "," + name + "," + mark + "," +
+                                            isDefault + ",0,0" + "," + slave + "," +
+                                            vekt::kUnknownBssid;
+        {
+            vekt::MutexLock lock(interfaceMutex);
+            m_ifaceParams[i] = interfaceParams;
+        }
+        ALOGI("SLA m_ifaceParams[i] = %s", interfaceParams.c_str());
     }
 }
 
 void Parameters::UpdateInterfaceMode(const char* mode) {
-    if (m_interfaceMode == mode) return;
-    m_interfaceMode = mode;
+    if (m_interfaceMode.equals(mode)) return;
+    m_interfaceMode.set(mode);
     bool metered = atoi(mode) != 0;
-    std::lock_guard<std::mutex> lock(interfaceMutex);
+    vekt::MutexLock lock(interfaceMutex);
     for (auto& entry : m_interfaceInfoMap) {
         InterfaceInfo_t* info = entry.second;
         if (info != nullptr && vekt::isCellularName(info->name)) info->metered = metered;
@@ -98,7 +109,7 @@ void Parameters::UpdateInterfaceBssid(const char* text) {
         }
     }
     static constexpr const char* kWifiPrefixes[] = {"wlan0", "wlan1"};
-    std::lock_guard<std::mutex> lock(interfaceMutex);
+    vekt::MutexLock lock(interfaceMutex);
     for (size_t link = 0; link < 2 && link < pieces.size(); ++link) {
         if (pieces[link].empty()) continue;
         for (auto& entry : m_interfaceInfoMap) {
@@ -111,16 +122,17 @@ void Parameters::UpdateInterfaceBssid(const char* text) {
 }
 
 void Parameters::populateWifiGateway(const char* text) {
-    m_wifiGatewayList.clear();
+    StringList gateways;
     for (const std::string& piece : vekt::splitList(text)) {
         if (piece.size() > kMaxGatewayLength) {
             ALOGE("populateWifiGateway token length error is %lu",
                   static_cast<unsigned long>(piece.size()));
             continue;
         }
-        m_wifiGatewayList.push_back(piece);
+        gateways.push_back(piece);
     }
-    for (const std::string& gateway : m_wifiGatewayList) {
+    m_wifiGatewayList.set(gateways);
+    for (const std::string& gateway : gateways) {
         ALOGI("populateWifiGateway = %s", gateway.c_str());
     }
 }

@@ -6,7 +6,7 @@
 #include <string.h>
 
 #include "config/parameters.h"
-#include "config/text_split.h"
+#include "base/text.h"
 
 namespace {
 
@@ -23,10 +23,12 @@ std::string formatMark(uint32_t mark) {
 }  // namespace
 
 void Parameters::initValidInterfaceMark() {
+    vekt::MutexLock lock(interfaceMutex);
     for (uint32_t mark : kPoolMarks) m_markPool.push_back(new interfaceMark{mark, kFreeOwner, true});
 }
 
 std::string Parameters::getValidInterfaceMark(const char* name) {
+    vekt::MutexLock lock(interfaceMutex);
     if (m_markPool.empty()) return formatMark(kPoolMarks[0]);
     for (interfaceMark* slot : m_markPool) {
         if (slot->owner == name) return formatMark(slot->mark);
@@ -43,6 +45,7 @@ std::string Parameters::getValidInterfaceMark(const char* name) {
 }
 
 void Parameters::releaseValidInterfaceMark(const char* name) {
+    vekt::MutexLock lock(interfaceMutex);
     for (interfaceMark* slot : m_markPool) {
         if (slot->owner == name) {
             slot->owner = kFreeOwner;
@@ -54,8 +57,11 @@ void Parameters::releaseValidInterfaceMark(const char* name) {
 std::string Parameters::getMeteredInterfaceSlaveStatus() {
     // Only "rmnet_data" owners count: the second cellular link of that family is the slave.
     int cellular = 0;
-    for (interfaceMark* slot : m_markPool) {
-        if (strncmp(slot->owner.c_str(), "rmnet_data", 10) == 0) ++cellular;
+    {
+        vekt::MutexLock lock(interfaceMutex);
+        for (interfaceMark* slot : m_markPool) {
+            if (strncmp(slot->owner.c_str(), "rmnet_data", 10) == 0) ++cellular;
+        }
     }
     std::string status = cellular >= 2 ? "1" : "0";
     ALOGI("%s slave status %s", "getMeteredInterfaceSlaveStatus", status.c_str());
@@ -124,7 +130,7 @@ int Parameters::addNewInterfacetoMap(InterfaceInfo_t* info) {
         return valid;
     }
     {
-        std::lock_guard<std::mutex> lock(interfaceMutex);
+        vekt::MutexLock lock(interfaceMutex);
         InterfaceInfo_t*& slot = m_interfaceInfoMap[info->name];
         // A record registered again under the same name replaces the old one; nobody can
         // still be using the old one, since readers hold interfaceMutex.
@@ -136,7 +142,7 @@ int Parameters::addNewInterfacetoMap(InterfaceInfo_t* info) {
 }
 
 int Parameters::delOldInterfacetoMap(const char* name) {
-    std::lock_guard<std::mutex> lock(interfaceMutex);
+    vekt::MutexLock lock(interfaceMutex);
     auto entry = m_interfaceInfoMap.find(name);
     if (entry != m_interfaceInfoMap.end()) {
         free(entry->second);

@@ -10,11 +10,12 @@
 #include <string.h>
 #include <sys/types.h>
 
-#include "core/device_root.h"
+#include <algorithm>
 
-std::mutex interfaceMutex;
+#include "base/device_root.h"
+#include "base/singleton_slot.h"
 
-Parameters* Parameters::sInstance = nullptr;
+vekt::Mutex interfaceMutex(vekt::LockLevel::kInterface, "interfaceMutex");
 
 namespace {
 
@@ -58,7 +59,7 @@ constexpr IntKey kIntKeys[] = {
 
 struct TextKey {
     const char* key;
-    std::string Parameters::*member;
+    vekt::SharedValue<std::string> Parameters::*member;
 };
 
 constexpr TextKey kTextKeys[] = {
@@ -71,6 +72,12 @@ constexpr TextKey kTextKeys[] = {
 constexpr const char* kInterfaceKeys[Parameters::kMaxInterfaces] = {
     "interface_0", "interface_1", "interface_2", "interface_3"};
 
+vekt::SingletonSlot<Parameters>& slot() {
+    static vekt::SingletonSlot<Parameters> instance(vekt::LockLevel::kParametersSingleton,
+                                                    "Parameters singleton");
+    return instance;
+}
+
 int32_t readEnableProperty() {
     char value[PROPERTY_VALUE_MAX] = {};
     property_get(Parameters::kEnableProperty, value, "0");
@@ -80,17 +87,14 @@ int32_t readEnableProperty() {
 }  // namespace
 
 Parameters* Parameters::instance() {
-    if (sInstance == nullptr) {
-        sInstance = new Parameters();
-        sInstance->populateSlaUidWhitelist();
-    }
-    return sInstance;
+    return slot().getOrCreate([] {
+        auto* params = new Parameters();
+        params->populateSlaUidWhitelist();
+        return params;
+    });
 }
 
-void Parameters::destroyInstanceForTest() {
-    delete sInstance;
-    sInstance = nullptr;
-}
+void Parameters::destroyInstanceForTest() { delete slot().take(); }
 
 Parameters::Parameters() {
     init();
@@ -101,7 +105,7 @@ Parameters::Parameters() {
 
 Parameters::~Parameters() {
     // Only tests destroy the singleton; the daemon keeps it for the life of the process.
-    std::lock_guard<std::mutex> lock(interfaceMutex);
+    vekt::MutexLock lock(interfaceMutex);
     for (auto& entry : m_interfaceInfoMap) free(entry.second);
     for (interfaceMark* slot : m_markPool) delete slot;
 }
@@ -120,13 +124,13 @@ void Parameters::init() {
     m_settings[UPDATE_PM_FREQ] = 500;
     m_settings[14] = 1;
 
-    m_protocols = "http,https";
-    m_ports = "80,443";
+    m_protocols.set("http,https");
+    m_ports.set("80,443");
     m_estimatePackNum = 5;
     m_minRatioChange = 2;
     m_bestEstCacheSize = 0;
     m_initWwanPercentage = 0;
-    m_rttServer = VEKT_DEFAULT_RTT_SERVER;
+    m_rttServer.set(VEKT_DEFAULT_RTT_SERVER);
     m_rttServerPort = 443;
     m_minGamePingTimes = 2;
     maxPingMiss = 5;
@@ -141,7 +145,7 @@ void Parameters::init() {
     m_ratioPercent = 85;
     m_dominantPercent = 90;
     m_rateByteCap = 102400;
-    m_interfaceMode = "1";
+    m_interfaceMode.set("1");
     m_doubleWifiSelectStatus = 0;
 }
 
@@ -208,12 +212,13 @@ int Parameters::setValue(const char* key, const char* value) {
     }
     for (const TextKey& entry : kTextKeys) {
         if (strcmp(key, entry.key) == 0) {
-            this->*entry.member = value;
+            (this->*entry.member).set(value);
             return 1;
         }
     }
     for (int i = 0; i < kMaxInterfaces; ++i) {
         if (strcmp(key, kInterfaceKeys[i]) == 0) {
+            vekt::MutexLock lock(interfaceMutex);
             m_ifaceParams[i] = value;
             return 1;
         }
@@ -234,13 +239,18 @@ int32_t Parameters::getSLAVendorProp() {
 }
 
 char* Parameters::getStatsProtocols(char* buf, size_t size) const {
-    snprintf(buf, size, "%s=%s", "protocols", m_protocols.c_str());
+    snprintf(buf, size, "%s=%s", "protocols", m_protocols.snapshot()->c_str());
     return buf;
 }
 
 char* Parameters::getStatsPorts(char* buf, size_t size) const {
-    snprintf(buf, size, "%s=%s", "ports", m_ports.c_str());
+    snprintf(buf, size, "%s=%s", "ports", m_ports.snapshot()->c_str());
     return buf;
+}
+
+size_t Parameters::statsLineCapacity() const {
+    // The longer of the two lines: its key, "=", the list and the NUL.
+    return std::max(m_protocols.snapshot()->size(), m_ports.snapshot()->size()) + 32;
 }
 
 void Parameters::setDoubleWifiSelectStatus(int value) {
@@ -248,5 +258,5 @@ void Parameters::setDoubleWifiSelectStatus(int value) {
 }
 
 void Parameters::setGamingRttServer(const char* server) {
-    if (server != nullptr) m_rttServer = server;
+    if (server != nullptr) m_rttServer.set(server);
 }

@@ -9,20 +9,17 @@
 
 #include <atomic>
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "base/mutex.h"
+#include "base/shared_value.h"
 #include "config/interface_info.h"
 
 // Guards Parameters::m_interfaceInfoMap and the records in it (a reader holds it for as
-// long as it uses a record: removal frees the record at once).
-//
-// Lock order of the whole daemon, outermost first:
-//   a monitor's own mutex, then interfaceMutex, then slaStatsMutex, then iptablesMutex;
-//   the selection (SLS) mutex also comes after interfaceMutex.
-// No lock is held while calling into code that takes a lock earlier in this order.
-extern std::mutex interfaceMutex;
+// long as it uses a record: removal frees the record at once), the mark pool and the
+// interface parameter texts. Its place in the daemon's lock order is in base/mutex.h.
+extern vekt::Mutex interfaceMutex;
 
 // Numeric settings slots, read with Parameters::get. Slots 11 to 28 are reserved.
 enum OperId : int32_t {
@@ -47,7 +44,7 @@ public:
     static constexpr const char* kConfFile = "/vendor/etc/sla/vekt.conf";
     static constexpr const char* kEnableProperty = "vendor.sla.enabled";
 
-    // Creates the singleton on first use (on the main thread, before other threads).
+    // Creates the singleton on first use, whatever thread asks first.
     static Parameters* instance();
     // Test-only: drops the singleton so the next instance() builds a fresh one.
     static void destroyInstanceForTest();
@@ -63,6 +60,8 @@ public:
     // "protocols=<list>" and "ports=<list>", bounded by size; return buf.
     char* getStatsProtocols(char* buf, size_t size) const;
     char* getStatsPorts(char* buf, size_t size) const;
+    // The lengths of the "protocols=" and "ports=" lines, for sizing their buffers.
+    size_t statsLineCapacity() const;
 
     // ---- flags ----
     int isGamingRunning() const { return m_gamingRunning.load(); }
@@ -79,7 +78,7 @@ public:
     void setDWMonitorStatus(bool value) { m_dwMonitorStatus.store(value); }
     int getDoubleWifiSelectStatus() const { return m_doubleWifiSelectStatus.load(); }
     void setDoubleWifiSelectStatus(int value);
-    const std::string& getGamingUids() const { return m_gamingUids; }
+    std::string getGamingUids() const { return m_gamingUids.get(); }
     void setGamingRttServer(const char* server);
 
     // ---- UID lists ----
@@ -93,41 +92,43 @@ public:
     void populateGamingUids();
 
     // ---- interface registry and mark pool ----
-    void initValidInterfaceMark();
-    std::string getValidInterfaceMark(const char* name);
-    void releaseValidInterfaceMark(const char* name);
-    std::string getMeteredInterfaceSlaveStatus();
+    void initValidInterfaceMark() EXCLUDES(interfaceMutex);
+    std::string getValidInterfaceMark(const char* name) EXCLUDES(interfaceMutex);
+    void releaseValidInterfaceMark(const char* name) EXCLUDES(interfaceMutex);
+    std::string getMeteredInterfaceSlaveStatus() EXCLUDES(interfaceMutex);
     InterfaceInfo_t* parseInterfaceParams(const std::string& params);
     int validateInterfaceParams(InterfaceInfo_t* info);
-    int addNewInterfacetoMap(InterfaceInfo_t* info);
-    int delOldInterfacetoMap(const char* name);
+    int addNewInterfacetoMap(InterfaceInfo_t* info) EXCLUDES(interfaceMutex);
+    int delOldInterfacetoMap(const char* name) EXCLUDES(interfaceMutex);
 
     // ---- interface list and link state ----
-    void UpdateInterface(const char* name, bool add);
-    void populatIfaceslist(const char* names);
-    void UpdateInterfaceMode(const char* mode);
-    void UpdateInterfaceBssid(const char* text);
+    void UpdateInterface(const char* name, bool add) EXCLUDES(interfaceMutex);
+    void populatIfaceslist(const char* names) EXCLUDES(interfaceMutex);
+    void UpdateInterfaceMode(const char* mode) EXCLUDES(interfaceMutex);
+    void UpdateInterfaceBssid(const char* text) EXCLUDES(interfaceMutex);
     void populateWifiGateway(const char* text);
 
     // ---- state (names as the rest of the daemon knows them) ----
-    // Lists are written on the control-socket thread only.
-    std::vector<std::string> m_gamingUidList;
-    std::vector<std::string> m_slaUidList;
-    std::vector<std::string> m_dwUidList;
-    std::vector<std::string> m_ddUidList;
-    std::vector<std::string> m_ifaceList;
-    std::vector<std::string> m_wifiGatewayList;
-    std::map<std::string, InterfaceInfo_t*> m_interfaceInfoMap;  // guarded by interfaceMutex
+    // Texts and lists are replaced whole by the control-socket thread and read from any
+    // thread as snapshots (see base/shared_value.h).
+    using StringList = std::vector<std::string>;
+    vekt::SharedValue<StringList> m_gamingUidList;
+    vekt::SharedValue<StringList> m_slaUidList;
+    vekt::SharedValue<StringList> m_dwUidList;
+    vekt::SharedValue<StringList> m_ddUidList;
+    vekt::SharedValue<StringList> m_ifaceList;
+    vekt::SharedValue<StringList> m_wifiGatewayList;
+    std::map<std::string, InterfaceInfo_t*> m_interfaceInfoMap GUARDED_BY(interfaceMutex);
 
-    std::string m_protocols;
-    std::string m_ports;
+    vekt::SharedValue<std::string> m_protocols;
+    vekt::SharedValue<std::string> m_ports;
     std::atomic<int32_t> m_estimatePackNum{0};
     std::atomic<int32_t> m_minRatioChange{0};
     std::atomic<int32_t> m_bestEstCacheSize{0};
     std::atomic<int32_t> m_initWwanPercentage{0};
 
-    std::string m_gamingUids;
-    std::string m_rttServer;
+    vekt::SharedValue<std::string> m_gamingUids;
+    vekt::SharedValue<std::string> m_rttServer;
     std::atomic<int32_t> m_rttServerPort{0};
 
     // RTT block
@@ -150,11 +151,11 @@ public:
     std::atomic<int32_t> m_rttMinCapMs{0};
     std::atomic<int32_t> m_gamingPollFreqCnt{0};
 
-    std::string m_gamingWhiteList;
-    std::string m_slaUidWhitelist;
-    std::string m_dwUidWhitelist;
-    std::string m_ddUidWhitelist;
-    std::string m_ifaceParams[kMaxInterfaces];
+    vekt::SharedValue<std::string> m_gamingWhiteList;
+    vekt::SharedValue<std::string> m_slaUidWhitelist;
+    vekt::SharedValue<std::string> m_dwUidWhitelist;
+    vekt::SharedValue<std::string> m_ddUidWhitelist;
+    std::string m_ifaceParams[kMaxInterfaces] GUARDED_BY(interfaceMutex);
     std::atomic<int32_t> m_numInterfaces{0};
     std::atomic<int32_t> m_rttEntryThreshold{0};
     std::atomic<int32_t> m_rttExitThreshold{0};
@@ -162,8 +163,8 @@ public:
     std::atomic<int32_t> m_dominantPercent{0};  // rewritten by every ratio calculation
     std::atomic<int32_t> m_rateByteCap{0};
     std::atomic<int32_t> m_constructorValue{0};  // fixed at 48 by the constructor
-    std::string m_interfaceMode;
-    std::vector<interfaceMark*> m_markPool;
+    vekt::SharedValue<std::string> m_interfaceMode;
+    std::vector<interfaceMark*> m_markPool GUARDED_BY(interfaceMutex);
 
 private:
     Parameters();
@@ -171,8 +172,9 @@ private:
     Parameters(const Parameters&) = delete;
     Parameters& operator=(const Parameters&) = delete;
 
-    void populateUidList(const std::string& text, std::vector<std::string>& list,
-                         const char* variant, const char* entryText, bool limitLength);
+    void populateUidList(const vekt::SharedValue<std::string>& text,
+                         vekt::SharedValue<StringList>& list, const char* variant,
+                         const char* entryText, bool limitLength);
 
     std::atomic<int32_t> m_settings[kSettingSlots];
     std::atomic<int32_t> m_gamingRunning{0};
@@ -183,5 +185,4 @@ private:
     std::atomic<bool> m_dwMonitorStatus{false};
     std::atomic<int32_t> m_doubleWifiSelectStatus{0};
 
-    static Parameters* sInstance;
 };

@@ -4,7 +4,7 @@
 #include <log/log.h>
 
 #include "config/parameters.h"
-#include "config/text_split.h"
+#include "base/text.h"
 
 namespace {
 
@@ -15,19 +15,19 @@ constexpr size_t kMaxWhitelistUidLength = 5;
 }  // namespace
 
 void Parameters::setuidwhitelist(const char* text) {
-    if (text != nullptr) m_slaUidWhitelist = text;
+    if (text != nullptr) m_slaUidWhitelist.set(text);
 }
 
 void Parameters::setDWUidWhitelist(const char* text) {
-    if (text != nullptr) m_dwUidWhitelist = text;
+    if (text != nullptr) m_dwUidWhitelist.set(text);
 }
 
 void Parameters::setDDUidWhitelist(const char* text) {
-    if (text != nullptr) m_ddUidWhitelist = text;
+    if (text != nullptr) m_ddUidWhitelist.set(text);
 }
 
 void Parameters::setGamingUids(const char* text) {
-    if (text != nullptr) m_gamingUids = text;
+    if (text != nullptr) m_gamingUids.set(text);
 }
 
 void Parameters::populateSlaUidWhitelist() {
@@ -50,18 +50,19 @@ void Parameters::populateGamingUids() {
                     "SLS GAMING Demo UID = %s", false);
 }
 
-void Parameters::populateUidList(const std::string& text, std::vector<std::string>& list,
-                                 const char* variant, const char* entryText,
-                                 bool limitLength) {
-    list.clear();
-    for (const std::string& uid : vekt::splitList(text)) {
+void Parameters::populateUidList(const vekt::SharedValue<std::string>& text,
+                                 vekt::SharedValue<StringList>& list, const char* variant,
+                                 const char* entryText, bool limitLength) {
+    StringList uids;
+    for (const std::string& uid : vekt::splitList(text.get())) {
         if (limitLength && uid.size() > kMaxWhitelistUidLength) {
             ALOGE("%s token length error is %lu", variant, static_cast<unsigned long>(uid.size()));
             continue;
         }
-        list.push_back(uid);
+        uids.push_back(uid);
     }
-    for (const std::string& uid : list) {
+    list.set(uids);
+    for (const std::string& uid : uids) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
         __android_log_print(ANDROID_LOG_INFO, LOG_TAG, entryText, uid.c_str());

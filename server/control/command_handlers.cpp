@@ -1,5 +1,7 @@
-// The control commands. All run on the socket thread; they take no lock of their own (the
-// Parameters registry and the other singletons guard themselves).
+// The control commands. All run on the socket thread and take no lock of their own: the
+// registry operations of Parameters take interfaceMutex, the rule and statistics operations
+// take theirs, and settings and lists are replaced as whole snapshots (see
+// base/shared_value.h), so the main loop and the workers read them safely meanwhile.
 //
 // Calls into link selection, the selection rules and the monitors are not wired yet; the
 // lines marked "pending:" name them at the place where they belong, in order.
@@ -17,7 +19,7 @@
 
 #include "aggregation/sla_stats_impl.h"
 #include "config/parameters.h"
-#include "config/text_split.h"
+#include "base/text.h"
 #include "control/control_socket.h"
 #include "steering/iptables_manager.h"
 
@@ -28,12 +30,10 @@ namespace {
 
 // Last accepted arguments. Their sizes are the client's limits: a longer argument is a
 // client fault that ends the daemon (see copyAcceptedText).
-constexpr size_t kGatewaySize = 64;
-constexpr size_t kWhitelistSize = 2048;
-char gWifiGateway[kGatewaySize];
-char gSlaUidWhitelist[kWhitelistSize];
-char gDWUidWhitelist[kWhitelistSize];
-char gDDUidWhitelist[kWhitelistSize];
+char gWifiGateway[kGatewayTextSize];
+char gSlaUidWhitelist[kWhitelistTextSize];
+char gDWUidWhitelist[kWhitelistTextSize];
+char gDDUidWhitelist[kWhitelistTextSize];
 
 constexpr int kProbePort = 443;
 
@@ -56,6 +56,15 @@ void setRttTarget(Parameters* params) {
     params->m_rttServerPort = kProbePort;
 }
 
+// What gaming, VoIP and gaming AI mode do first: the probes aim at the built-in server,
+// the client's UIDs become the gaming list, and the link counts as connected.
+void adoptGamingUids(Parameters* params, const char* uids) {
+    setRttTarget(params);
+    params->setGamingUids(uids);
+    params->populateGamingUids();
+    params->setGamingConnectStatus(true);
+}
+
 // The whitelist commands share one shape; they differ in the stored copy and in which
 // Parameters list they rebuild.
 struct WhitelistVariant {
@@ -66,7 +75,7 @@ struct WhitelistVariant {
 
 void applyWhitelist(const WhitelistVariant& variant, const char* text, const char* handler) {
     if (strcmp(text, variant.accepted) == 0) return;
-    copyAcceptedText(variant.accepted, kWhitelistSize, text, handler);
+    copyAcceptedText(variant.accepted, kWhitelistTextSize, text, handler);
     IptablesManager* iptables = IptablesManager::instance();
     Parameters* params = gParams;
     if (iptables == nullptr || params == nullptr) return;
@@ -202,7 +211,7 @@ void setDDUidWhitelist(const char* text) {
 
 void setWifiGateway(const char* text) {
     if (strcmp(text, gWifiGateway) == 0) return;
-    copyAcceptedText(gWifiGateway, kGatewaySize, text, "setWifiGateway");
+    copyAcceptedText(gWifiGateway, kGatewayTextSize, text, "setWifiGateway");
     Parameters* params = gParams;
     if (params == nullptr) return;
     IptablesManager* iptables = IptablesManager::instance();
@@ -224,10 +233,7 @@ void setDoubleWifiMonitor(const char* text) {
 void StartSlsServer(const char* text) {
     Parameters* params = gParams;
     if (params == nullptr || params->isGamingRunning() != 0) return;
-    setRttTarget(params);
-    params->setGamingUids(text);
-    params->populateGamingUids();
-    params->setGamingConnectStatus(true);
+    adoptGamingUids(params, text);
     IptablesManager::instance()->setup_slm_whitelist();
     // pending: selection UID chains, start probing, RSSI monitor, socket monitor polling.
     params->setGamingRunning(1);
@@ -250,13 +256,10 @@ void setVoipStatus(const char* text) {
     // The UID list itself is the switch: a first UID that is a non-zero number means on.
     bool on = atoi(text) != 0;
     if (on && !params->isVoipRunning()) {
-        setRttTarget(params);
         SlaStatsImpl::instance()->enableSlaVoipState(true, text);
-        params->setGamingUids(text);
-        params->populateGamingUids();
+        adoptGamingUids(params, text);
         IptablesManager::instance()->setup_slm_whitelist();
         // pending: selection UID chains.
-        params->setGamingConnectStatus(true);
         // pending: start probing, RSSI monitor.
         params->setVoipRunning(true);
     } else if (!on && params->isVoipRunning()) {
@@ -288,10 +291,7 @@ void setGameAiModeEnable(const char* text) {
     bool on = atoi(text) != 0;
     if (on && params->isGamingRunning() == 0) {
         ALOGI("setGameAiModeEnable enable");
-        setRttTarget(params);
-        params->setGamingUids(text);
-        params->populateGamingUids();
-        params->setGamingConnectStatus(true);
+        adoptGamingUids(params, text);
         // AI mode reacts faster: two switches per window, two misses fail a link.
         params->m_nHyst = 2;
         params->maxPingMiss = 2;

@@ -20,7 +20,7 @@
 
 #include "control/command_handlers.h"
 #include "control/msg.h"
-#include "core/device_root.h"
+#include "base/device_root.h"
 
 using android::base::unique_fd;
 

@@ -14,6 +14,11 @@ struct msg_t {
 static_assert(sizeof(msg_t) == 1032, "control record layout");
 static_assert(offsetof(msg_t, message) == 8, "control record layout");
 
+// The handlers keep the last accepted gateway and whitelist texts in buffers of these
+// sizes, and a longer text ends the daemon: clients must stay below them.
+constexpr size_t kGatewayTextSize = 64;
+constexpr size_t kWhitelistTextSize = 2048;
+
 // Message ids of the control protocol.
 enum MsgId : int32_t {
     MSG_UPDATE_INTERFACES = 1,

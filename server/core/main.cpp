@@ -5,28 +5,15 @@
 
 #include <log/log.h>
 #include <stdio.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "aggregation/sla_stats_impl.h"
 #include "config/parameters.h"
 #include "control/control_socket.h"
+#include "base/device_root.h"
 #include "core/daemon_args.h"
-#include "core/device_root.h"
+#include "core/main_loop.h"
 #include "steering/iptables_manager.h"
-
-namespace {
-
-constexpr int32_t kStopValue = 2;
-
-void sleepMs(int32_t ms) {
-    if (ms <= 0) return;
-    struct timespec delay = {ms / 1000, static_cast<long>(ms % 1000) * 1000000L};
-    while (nanosleep(&delay, &delay) != 0) {
-    }
-}
-
-}  // namespace
 
 int main(int argc, char** argv) {
     vekt::DaemonArgs args;
@@ -51,19 +38,8 @@ int main(int argc, char** argv) {
     // pending: link selection is initialised here.
 
     // The body runs at least once, before the property is first looked at.
-    do {
-        stats->evalAndSetSLAInterfaceRatio();
-        // pending: link selection chooses the best link.
-        sleepMs(params->get(MINI_EST_INTERVAL));
-    } while (params->getSLAVendorProp() != kStopValue);
-
-    // The socket thread goes first, so no command changes state during the cleanup.
-    stopSocketThreads();
-    ALOGE("Slm disabled, starting cleanup...\n");
-    stats->enableSLA(false);
-    // pending: destroy the sockets of every gaming UID, then clean up link selection.
-    IptablesManager::clean_SLM_iptables();
-    SlaStatsImpl::finalize();
-    ALOGI("Vekt exiting");
+    while (vekt::runMainLoopPass(params, stats)) {
+    }
+    vekt::shutdownDaemon(stats);
     for (;;) sleep(600);
 }

@@ -11,12 +11,11 @@
 #include <algorithm>
 #include <string>
 
+#include "base/singleton_slot.h"
 #include "config/parameters.h"
 #include "steering/execnetd.h"
 
-std::mutex iptablesMutex;
-
-IptablesManager* IptablesManager::sInstance = nullptr;
+vekt::Mutex iptablesMutex(vekt::LockLevel::kIptables, "iptablesMutex");
 
 #define IPTABLES "/system/bin/iptables-wrapper-1.0"
 #define IP_TOOL "/system/bin/ip-wrapper-1.0"
@@ -81,19 +80,22 @@ __attribute__((format(printf, 1, 2))) void runCommandUncounted(const char* forma
     va_end(args);
 }
 
+vekt::SingletonSlot<IptablesManager>& slot() {
+    static vekt::SingletonSlot<IptablesManager> instance(vekt::LockLevel::kSingleton,
+                                                         "IptablesManager singleton");
+    return instance;
+}
+
 }  // namespace
 
 IptablesManager* IptablesManager::instance() {
-    if (sInstance == nullptr) sInstance = new IptablesManager();
-    return sInstance;
+    return slot().getOrCreate([] { return new IptablesManager(); });
 }
 
 void IptablesManager::clean_SLM_iptables() {
-    if (sInstance == nullptr) return;
-    delete sInstance;
-    // Nothing may reach the freed manager through a stale pointer; a later instance()
-    // would build a fresh skeleton.
-    sInstance = nullptr;
+    // Taken out first: nothing may reach the manager being torn down, and a later
+    // instance() builds a fresh skeleton.
+    delete slot().take();
 }
 
 IptablesManager::IptablesManager() {
@@ -101,7 +103,7 @@ IptablesManager::IptablesManager() {
     // is added, so there is exactly one. The mangle hook goes at the end of OUTPUT, the nat
     // hook at the head of POSTROUTING. tarn_SLM itself is reached only from the per-UID
     // rules of tarn_SLM_wapper. No result is looked at.
-    std::lock_guard<std::mutex> lock(iptablesMutex);
+    vekt::MutexLock lock(iptablesMutex);
     runCommandUncounted(IPTABLES " -w -t mangle -N tarn_SLM");
     runCommandUncounted(IPTABLES " -w -t mangle -F tarn_SLM");
     runCommandUncounted(IPTABLES " -w -t mangle -N tarn_SLA");
@@ -127,7 +129,7 @@ IptablesManager::IptablesManager() {
 IptablesManager::~IptablesManager() {
     {
         // Hooks first, so that no packet enters a chain while it is being emptied.
-        std::lock_guard<std::mutex> lock(iptablesMutex);
+        vekt::MutexLock lock(iptablesMutex);
         runCommandUncounted(IPTABLES " -w -t mangle -D OUTPUT -j tarn_SLM_wapper");
         runCommandUncounted(IPTABLES " -w -t nat -D POSTROUTING -j tarn_nat_POSTROUTING_SLM");
         runCommandUncounted(IPTABLES " -w -t nat -F tarn_nat_POSTROUTING_SLM");
@@ -158,7 +160,7 @@ int IptablesManager::create_SLM_FWMARK_chain_for_iface(InterfaceInfo_t* iface) {
     ChainName mark = markChain(iface->name);
     int status = 0;
     {
-        std::lock_guard<std::mutex> lock(iptablesMutex);
+        vekt::MutexLock lock(iptablesMutex);
         runCommandUncounted(IPTABLES " -w -t mangle -N %s", mark.c_str());
         status += runCommand(IPTABLES " -w -t mangle -F %s", mark.c_str());
         // Links whose use is restricted to whitelisted UIDs get an (empty) gate chain; the
@@ -199,7 +201,7 @@ int IptablesManager::remove_SLM_FWMARK_chain_for_iface(InterfaceInfo_t* iface) {
     ChainName wrapper = wrapperChain(mark);
     int status = 0;
     {
-        std::lock_guard<std::mutex> lock(iptablesMutex);
+        vekt::MutexLock lock(iptablesMutex);
         // The ratio rules may jump into the chains about to go; all of them are dropped and
         // come back with the next ratio update.
         runCommandUncounted(IPTABLES " -w -t mangle -F tarn_SLA");
@@ -228,7 +230,7 @@ int IptablesManager::cleanup_SLM_iptables_FWMARK_chains() {
     {
         // Held across the walk: removal of a record elsewhere would free it under us. Each
         // removal takes iptablesMutex inside, which is the daemon's lock order.
-        std::lock_guard<std::mutex> lock(interfaceMutex);
+        vekt::MutexLock lock(interfaceMutex);
         if (params->m_interfaceInfoMap.empty()) return 0;
         for (auto& entry : params->m_interfaceInfoMap) {
             InterfaceInfo_t* iface = entry.second;
@@ -247,19 +249,17 @@ int IptablesManager::cleanup_SLM_iptables_FWMARK_chains() {
 }
 
 int IptablesManager::setup_slm_whitelist() {
-    // The lists are changed only on the control-socket thread, which is the only caller, so
-    // they are read without a lock.
     Parameters* params = Parameters::instance();
     int status = runCommand(IPTABLES " -w -t mangle -F tarn_SLM_wapper");
     // Traffic to a Wi-Fi gateway never enters the steering tree.
-    for (const std::string& gateway : params->m_wifiGatewayList) {
+    for (const std::string& gateway : *params->m_wifiGatewayList.snapshot()) {
         status += runCommand(IPTABLES " -w -t mangle -A tarn_SLM_wapper -d %s -j RETURN",
                              gateway.c_str());
     }
     // A UID found in several lists gets one rule for each; they are not merged.
     for (const auto* list : {&params->m_gamingUidList, &params->m_dwUidList, &params->m_ddUidList,
                              &params->m_slaUidList}) {
-        for (const std::string& uid : *list) {
+        for (const std::string& uid : *list->snapshot()) {
             status += runCommand(
                 IPTABLES " -w -t mangle -A tarn_SLM_wapper -m owner --uid-owner %s -j tarn_SLM",
                 uid.c_str());
@@ -270,16 +270,18 @@ int IptablesManager::setup_slm_whitelist() {
 
 int IptablesManager::updateInterfaceIptables(const char* ifname, bool add) {
     Parameters* params = Parameters::instance();
-    InterfaceInfo_t* iface;
+    // The rules are built from a copy: the record may be freed as soon as the lock is gone,
+    // and the operations below take iptablesMutex on their own.
+    InterfaceInfo_t record;
+    InterfaceInfo_t* iface = &record;
     {
-        // The main thread walks the map concurrently, and the subscript may insert. An
-        // unknown name leaves a record-less entry, which every walker skips.
-        std::lock_guard<std::mutex> lock(interfaceMutex);
-        iface = params->m_interfaceInfoMap[ifname];
+        // The subscript inserts: an unknown name leaves a record-less entry, which every
+        // walker skips.
+        vekt::MutexLock lock(interfaceMutex);
+        const InterfaceInfo_t* registered = params->m_interfaceInfoMap[ifname];
+        if (registered == nullptr) return 0;
+        record = *registered;
     }
-    // Records are freed only on this (the control-socket) thread, so the pointer stays
-    // valid without the lock, and the operations below may take iptablesMutex on their own.
-    if (iface == nullptr) return 0;
 
     if (add) {
         (void)create_SLM_FWMARK_chain_for_iface(iface);
@@ -300,7 +302,7 @@ int IptablesManager::set_SLA_ratio_iptables(SlaInterfaceMap& map) {
     auto& registry = params->m_interfaceInfoMap;
     const int dualWifi = params->getDoubleWifiSelectStatus();
 
-    std::lock_guard<std::mutex> lock(iptablesMutex);
+    vekt::MutexLock lock(iptablesMutex);
     int status = runCommand(IPTABLES " -w -t mangle -F tarn_SLA");
 
     // Each random rule only sees the connections that the rules before it let through, so

@@ -4,39 +4,41 @@
 // Every command goes through execnetd.
 #pragma once
 
-#include <mutex>
-
 #include "aggregation/link_stats.h"
+#include "aggregation/sla_stats_impl.h"
+#include "base/mutex.h"
 #include "config/interface_info.h"
+#include "config/parameters.h"
 
 // Serialises the manager's command sequences. Comes after interfaceMutex and
-// slaStatsMutex in the daemon's lock order (see config/parameters.h); never held while
-// calling an operation that takes it again.
-extern std::mutex iptablesMutex;
+// slaStatsMutex in the daemon's lock order (see base/mutex.h); never held while calling an
+// operation that takes it again.
+extern vekt::Mutex iptablesMutex ACQUIRED_AFTER(interfaceMutex, slaStatsMutex);
 
 class IptablesManager {
 public:
-    // Creates the singleton on first use (building the chain skeleton). Called first from
-    // main, before other threads exist.
+    // Creates the singleton on first use (building the chain skeleton), whatever thread
+    // asks first.
     static IptablesManager* instance();
     // Tears the rule tree down and frees the singleton; the daemon calls it once, at the end.
     static void clean_SLM_iptables();
 
-    int create_SLM_FWMARK_chain_for_iface(InterfaceInfo_t* iface);
-    int remove_SLM_FWMARK_chain_for_iface(InterfaceInfo_t* iface);
-    int cleanup_SLM_iptables_FWMARK_chains();
+    int create_SLM_FWMARK_chain_for_iface(InterfaceInfo_t* iface) EXCLUDES(iptablesMutex);
+    int remove_SLM_FWMARK_chain_for_iface(InterfaceInfo_t* iface) EXCLUDES(iptablesMutex);
+    int cleanup_SLM_iptables_FWMARK_chains() EXCLUDES(interfaceMutex, iptablesMutex);
     int setup_slm_whitelist();
-    int updateInterfaceIptables(const char* ifname, bool add);
+    // Works on a copy of the interface's record, taken under interfaceMutex.
+    int updateInterfaceIptables(const char* ifname, bool add)
+        EXCLUDES(interfaceMutex, iptablesMutex);
 
     // Rewrites tarn_SLA from the ratios of the map. The caller holds interfaceMutex and then
     // slaStatsMutex (the one lock order of the daemon); this takes iptablesMutex.
-    int set_SLA_ratio_iptables(SlaInterfaceMap& map);
+    int set_SLA_ratio_iptables(SlaInterfaceMap& map) REQUIRES(interfaceMutex, slaStatsMutex)
+        EXCLUDES(iptablesMutex);
 
 private:
-    IptablesManager();
-    ~IptablesManager();
+    IptablesManager() EXCLUDES(iptablesMutex);
+    ~IptablesManager() EXCLUDES(iptablesMutex);
     IptablesManager(const IptablesManager&) = delete;
     IptablesManager& operator=(const IptablesManager&) = delete;
-
-    static IptablesManager* sInstance;
 };

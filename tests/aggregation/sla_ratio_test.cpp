@@ -27,7 +27,7 @@ protected:
         copyBounded(record->name, sizeof(record->name), name);
         record->rate = rate;
         record->stats = new SlaStatsData(ring, !isCellularName(name));
-        std::lock_guard<std::mutex> lock(slaStatsMutex);
+        vekt::MutexLock lock(slaStatsMutex);
         impl_->m_slaInterfaceMap[name] = record;
         return static_cast<StatsFile*>(ring);
     }

@@ -67,7 +67,7 @@ TEST_F(InterfaceListTest, MoreThanFourNamesAreRefusedNotOverflowed) {
     Parameters* p = params();
     p->populatIfaceslist("a0,a1,a2,a3,a4,a5");
     EXPECT_EQ(p->m_numInterfaces, 4);
-    EXPECT_EQ(p->m_ifaceList.size(), 4u);
+    EXPECT_EQ(p->m_ifaceList.get().size(), 4u);
     EXPECT_TRUE(log_.contains("populatIfaceslist too many interfaces, a4 refused"));
     EXPECT_TRUE(log_.contains("populatIfaceslist too many interfaces, a5 refused"));
 }
@@ -95,12 +95,12 @@ TEST_F(InterfaceListTest, BssidUpdates) {
 TEST_F(InterfaceListTest, GatewayPiecesOfSeventeenOrMoreAreSkipped) {
     Parameters* p = params();
     p->populateWifiGateway("192.168.1.1,1234567890123456,12345678901234567,10.0.0.1");
-    EXPECT_EQ(p->m_wifiGatewayList,
+    EXPECT_EQ(p->m_wifiGatewayList.get(),
               (std::vector<std::string>{"192.168.1.1", "1234567890123456", "10.0.0.1"}));
     EXPECT_TRUE(log_.contains("populateWifiGateway token length error is 17"));
     EXPECT_TRUE(log_.contains("populateWifiGateway = 10.0.0.1"));
     p->populateWifiGateway("");
-    EXPECT_TRUE(p->m_wifiGatewayList.empty());
+    EXPECT_TRUE(p->m_wifiGatewayList.get().empty());
 }
 
 }  // namespace

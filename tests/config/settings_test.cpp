@@ -15,15 +15,15 @@ TEST_F(SettingsTest, DefaultsWithoutSettingsFile) {
     EXPECT_EQ(p->get(WAN_THRESHOLD), 500);
     EXPECT_EQ(p->get(static_cast<OperId>(14)), 1);
     EXPECT_EQ(p->get(SOCK_STALE_TIME), 0);
-    EXPECT_EQ(p->m_ports, "80,443");
-    EXPECT_EQ(p->m_protocols, "http,https");
-    EXPECT_EQ(p->m_rttServer, VEKT_DEFAULT_RTT_SERVER);
+    EXPECT_EQ(p->m_ports.get(), "80,443");
+    EXPECT_EQ(p->m_protocols.get(), "http,https");
+    EXPECT_EQ(p->m_rttServer.get(), VEKT_DEFAULT_RTT_SERVER);
     EXPECT_EQ(p->m_rttServerPort, 443);
     EXPECT_EQ(p->maxPingMiss, 5);
     EXPECT_EQ(p->m_nHyst, 1);
     EXPECT_EQ(p->m_rttExitThreshold, 120);
     EXPECT_EQ(p->m_rateByteCap, 102400);
-    EXPECT_EQ(p->m_interfaceMode, "1");
+    EXPECT_EQ(p->m_interfaceMode.get(), "1");
     // Ids past the table, negative ones included, read all ones rather than past the array.
     EXPECT_EQ(static_cast<uint32_t>(p->get(static_cast<OperId>(29))), 0xFFFFFFFFu);
     EXPECT_EQ(static_cast<uint32_t>(p->get(static_cast<OperId>(-1))), 0xFFFFFFFFu);
@@ -74,9 +74,9 @@ TEST_F(SettingsTest, SettingsFileQuirks) {
     EXPECT_FALSE(log_.contains("read vekt conf file failed!"));
     EXPECT_EQ(p->m_pingIntervalMs, 800);
     EXPECT_EQ(p->m_alphaPercent, 4);  // the digit before "#" went with the comment
-    EXPECT_EQ(p->m_rttServer, "");
+    EXPECT_EQ(p->m_rttServer.get(), "");
     EXPECT_EQ(p->get(MINI_EST_INTERVAL), 300);  // a repeated key takes the later value
-    EXPECT_EQ(p->m_protocols, "a=b");           // further "=" belong to the value
+    EXPECT_EQ(p->m_protocols.get(), "a=b");           // further "=" belong to the value
     EXPECT_EQ(p->get(WAN_THRESHOLD), 12);
     EXPECT_EQ(p->get(WIFI_THRESHOLD), 0);
     EXPECT_EQ(p->get(SOCK_STALE_TIME), -4000);
@@ -106,7 +106,7 @@ TEST_F(SettingsTest, StatsConfigLinesAreBounded) {
     char buffer[64];
     EXPECT_STREQ(p->getStatsProtocols(buffer, sizeof(buffer)), "protocols=http,https");
     EXPECT_STREQ(p->getStatsPorts(buffer, sizeof(buffer)), "ports=80,443");
-    p->m_ports = std::string(500, '9');
+    p->m_ports.set(std::string(500, '9'));
     char small[16];
     EXPECT_STREQ(p->getStatsPorts(small, sizeof(small)), "ports=999999999");
 }

@@ -80,7 +80,7 @@ TEST_F(CommandHandlersTest, InterfaceListsAreDiffedWithRemovalsFirst) {
 TEST_F(CommandHandlersTest, ListsAreRebuiltOnlyOnANewTextAndNullEmptiesAWhitelist) {
     const std::string uidRule =
         kIptables + "-A tarn_SLM_wapper -m owner --uid-owner 10123 -j tarn_SLM";
-    const std::tuple<int32_t, Strings Parameters::*, std::string, std::string> cases[] = {
+    const std::tuple<int32_t, SharedValue<Strings> Parameters::*, std::string, std::string> cases[] = {
         {MSG_SLA_UID_WHITELIST, &Parameters::m_slaUidList, "10123", uidRule},
         {MSG_DW_UID_WHITELIST, &Parameters::m_dwUidList, "10123", uidRule},
         {MSG_DD_UID_WHITELIST, &Parameters::m_ddUidList, "10123", uidRule},
@@ -90,14 +90,14 @@ TEST_F(CommandHandlersTest, ListsAreRebuiltOnlyOnANewTextAndNullEmptiesAWhitelis
         SCOPED_TRACE(id);
         runner_.clear();
         send(id, text);
-        EXPECT_EQ(params()->*list, Strings{text});
+        EXPECT_EQ((params()->*list).get(), Strings{text});
         EXPECT_EQ(runner_.commands(), (Strings{kFlush, rule}));
         runner_.clear();
         send(id, text);
         EXPECT_TRUE(runner_.commands().empty());
         if (id == MSG_WIFI_GATEWAY) break;  // "NULL" is a whitelist's word
         send(id, "NULL");
-        EXPECT_TRUE((params()->*list).empty());
+        EXPECT_TRUE((params()->*list).get().empty());
         EXPECT_EQ(runner_.commands(), Strings{kFlush});
     }
 }
@@ -110,14 +110,14 @@ TEST_F(CommandHandlersTest, WithoutParametersTextsAreRememberedButNothingActs) {
     send(MSG_INTERFACE_MODE, "0");
     EXPECT_TRUE(runner_.commands().empty());
     EXPECT_TRUE(params()->m_interfaceInfoMap.empty());
-    EXPECT_EQ(params()->m_interfaceMode, "1");
+    EXPECT_EQ(params()->m_interfaceMode.get(), "1");
     EXPECT_EQ(gPreInterfaceList, Strings{"wlan0"});
     // The same texts once Parameters is there are taken as already accepted.
     gParams = params();
     send(MSG_SLA_UID_WHITELIST, "10123");
     send(MSG_WIFI_GATEWAY, "192.168.1.1");
-    EXPECT_TRUE(params()->m_slaUidList.empty());
-    EXPECT_TRUE(params()->m_wifiGatewayList.empty());
+    EXPECT_TRUE(params()->m_slaUidList.get().empty());
+    EXPECT_TRUE(params()->m_wifiGatewayList.get().empty());
 }
 
 TEST_F(CommandHandlersTest, ServiceRttIsComparedUnsignedAgainstTheExitThreshold) {
@@ -133,7 +133,7 @@ TEST_F(CommandHandlersTest, ServiceRttIsComparedUnsignedAgainstTheExitThreshold)
 
 TEST_F(CommandHandlersTest, GamingModesGuardEachOther) {
     send(MSG_START_SLS, "10123,10234");
-    EXPECT_EQ(params()->m_gamingUidList, (Strings{"10123", "10234"}));
+    EXPECT_EQ(params()->m_gamingUidList.get(), (Strings{"10123", "10234"}));
     EXPECT_EQ(params()->m_rttServerPort, 443);
     send(MSG_GAME_AI_CHECK_RTT, "1");  // AI-mode checks need AI mode
     send(MSG_GAME_AI_MODE, "10999");   // and AI mode needs gaming off
@@ -160,7 +160,7 @@ TEST_F(CommandHandlersTest, VoipModeFollowsItsFirstUid) {
     send(MSG_VOIP, "10123");
     send(MSG_VOIP, "10124");  // already on
     EXPECT_TRUE(params()->isVoipRunning());
-    EXPECT_EQ(params()->m_gamingUidList, Strings{"10123"});
+    EXPECT_EQ(params()->m_gamingUidList.get(), Strings{"10123"});
     params()->setServiceHighRtt(true);
     send(MSG_VOIP, "0");
     EXPECT_FALSE(params()->isVoipRunning());
@@ -172,7 +172,7 @@ TEST_F(CommandHandlersTest, UnknownIdsAndUnterminatedTexts) {
     EXPECT_EQ(log_.count("unknow mesage!!!"), 4u);
     // A text filling all 1024 bytes is cut inside the record, not read past it.
     send(MSG_INTERFACE_MODE, std::string(kMsgTextSize, 'a'));
-    EXPECT_EQ(params()->m_interfaceMode, std::string(kMsgTextSize - 1, 'a'));
+    EXPECT_EQ(params()->m_interfaceMode.get(), std::string(kMsgTextSize - 1, 'a'));
 }
 
 using CommandHandlersDeathTest = CommandHandlersTest;

@@ -108,7 +108,7 @@ protected:
     void TearDown() override { IptablesManager::clean_SLM_iptables(); }
 
     InterfaceInfo_t* link(const char* name) {
-        std::lock_guard<std::mutex> lock(interfaceMutex);
+        vekt::MutexLock lock(interfaceMutex);
         return params()->m_interfaceInfoMap.at(name);
     }
     int setRatios(const std::map<std::string, float>& ratios) {
@@ -119,7 +119,7 @@ protected:
             stats[name].ratio = ratio;
             map[name] = &stats[name];
         }
-        std::lock_guard<std::mutex> lock(interfaceMutex);  // as every caller holds it
+        vekt::MutexLock lock(interfaceMutex);  // as every caller holds it
         return manager_->set_SLA_ratio_iptables(map);
     }
 
@@ -153,11 +153,11 @@ TEST_F(IptablesManagerTest, MarkChainsOfACellularAndAWifiLink) {
 }
 
 TEST_F(IptablesManagerTest, ArrivalBuildsChainsThenTheWhitelistAndUnknownNamesDoNothing) {
-    params()->m_wifiGatewayList = {"192.168.1.1", "10.0.0.1"};
-    params()->m_gamingUidList = {"10020", "10050"};
-    params()->m_dwUidList = {"10030"};
-    params()->m_ddUidList = {"10040"};
-    params()->m_slaUidList = {"10050"};  // a UID in two lists gets two rules
+    params()->m_wifiGatewayList.set({"192.168.1.1", "10.0.0.1"});
+    params()->m_gamingUidList.set({"10020", "10050"});
+    params()->m_dwUidList.set({"10030"});
+    params()->m_ddUidList.set({"10040"});
+    params()->m_slaUidList.set({"10050"});  // a UID in two lists gets two rules
     EXPECT_EQ(manager_->updateInterfaceIptables("wlan7", true), 0);
     EXPECT_EQ(manager_->updateInterfaceIptables("wlan7", false), 0);
     EXPECT_TRUE(runner_.commands().empty());

@@ -7,7 +7,7 @@
 #include <memory>
 
 #include "config/parameters.h"
-#include "core/device_root.h"
+#include "base/device_root.h"
 #include "support/temp_root.h"
 #include "vekt_host/log_capture.h"
 

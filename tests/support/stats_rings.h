@@ -6,14 +6,14 @@
 #include <sys/time.h>
 
 #include "aggregation/stats_file.h"
-#include "core/clock.h"
+#include "base/clock.h"
 
 namespace vekt::test {
 
 constexpr uint64_t kNow = 1700000000000ULL;  // wall-clock ms the samples are stamped around
 
 // A wall clock set by hand, in force while it exists.
-class FixedClock : public Clock {
+class FixedClock : public WallClock {
 public:
     struct timeval wallTime() const override {
         return {static_cast<time_t>(ms / 1000), static_cast<suseconds_t>(ms % 1000 * 1000)};
@@ -21,7 +21,7 @@ public:
     uint64_t ms = kNow;
 
 private:
-    ScopedClockOverride scope_{*this};
+    ScopedSeamOverride<WallClock> scope_{wallClockSeam(), *this};
 };
 
 // count closing samples of `bytes` each, stepMs apart, going back from sample `newest`

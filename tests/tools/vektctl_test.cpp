@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include "control/control_socket.h"
-#include "core/device_root.h"
+#include "base/device_root.h"
 #include "support/daemon_process.h"
 #include "support/netns.h"
 #include "support/temp_root.h"

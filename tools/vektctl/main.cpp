@@ -29,7 +29,7 @@
 #include <vector>
 
 #include "control/control_socket.h"
-#include "core/device_root.h"
+#include "base/device_root.h"
 #include "vektctl_args.h"
 
 namespace {

@@ -11,10 +11,8 @@
 namespace vektctl {
 namespace {
 
-// The daemon keeps the last accepted gateway and whitelist texts in fixed buffers and ends
-// itself on a text that does not fit; a record's text holds at most 1023 bytes anyway.
-constexpr size_t kGatewayTextSize = 64;
-constexpr size_t kWhitelistTextSize = 2048;
+// The daemon ends itself on a gateway or whitelist text longer than its buffers
+// (kGatewayTextSize, kWhitelistTextSize); a record's text holds at most 1023 bytes anyway.
 constexpr int32_t kFirstId = MSG_UPDATE_INTERFACES;
 constexpr int32_t kLastId = MSG_GAME_AI_FAST_CHOOSE;
 

@@ -1,6 +1,16 @@
-#include "config/text_split.h"
+#include "base/text.h"
+
+#include <string.h>
 
 namespace vekt {
+
+size_t copyBounded(char* dest, size_t size, const char* src, size_t length) {
+    if (dest == nullptr || size == 0) return 0;
+    size_t copied = src == nullptr ? 0 : strnlen(src, length < size - 1 ? length : size - 1);
+    if (copied > 0) memcpy(dest, src, copied);
+    dest[copied] = '\0';
+    return copied;
+}
 
 std::vector<std::string> splitList(const std::string& text, char separator) {
     std::vector<std::string> pieces;

@@ -1,0 +1,38 @@
+#define LOG_TAG "SLM-Vekt-daemon"
+
+#include "core/main_loop.h"
+
+#include <log/log.h>
+
+#include "aggregation/sla_stats_impl.h"
+#include "base/clock.h"
+#include "config/parameters.h"
+#include "control/control_socket.h"
+#include "steering/iptables_manager.h"
+
+namespace vekt {
+namespace {
+
+constexpr int32_t kStopValue = 2;
+
+}  // namespace
+
+bool runMainLoopPass(Parameters* params, SlaStatsImpl* stats) {
+    stats->evalAndSetSLAInterfaceRatio();
+    // pending: link selection chooses the best link.
+    sleepMs(params->get(MINI_EST_INTERVAL));
+    return params->getSLAVendorProp() != kStopValue;
+}
+
+void shutdownDaemon(SlaStatsImpl* stats) {
+    // The socket thread goes first, so no command changes state during the cleanup.
+    stopSocketThreads();
+    ALOGE("Slm disabled, starting cleanup...\n");
+    stats->enableSLA(false);
+    // pending: destroy the sockets of every gaming UID, then clean up link selection.
+    IptablesManager::clean_SLM_iptables();
+    SlaStatsImpl::finalize();
+    ALOGI("Vekt exiting");
+}
+
+}  // namespace vekt
