@@ -12,21 +12,16 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <log/log.h>
-#include <sched.h>
 #include <signal.h>
-#include <stddef.h>
-#include <stdint.h>
+#include <spawn.h>
 #include <string.h>
-#include <sys/mman.h>
-#include <sys/resource.h>
-#include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
+#include "base/device_root.h"
 
-#include "core/device_root.h"
+extern char** environ;
 
 namespace vekt {
 namespace {
@@ -36,160 +31,74 @@ using android::base::unique_fd;
 // fgets with a 1024-byte buffer hands out at most 1023 characters a read; log pieces keep
 // that size so a long line of tool output becomes several log lines of a bounded length.
 constexpr size_t kOutputPieceMax = 1023;
-// Exit status of a child whose exec failed (the parent learns the errno through the pipe).
-constexpr int kExecFailedStatus = 127;
-// Stack of the child until exec: a few frames and the 4 KiB directory buffer below, with
-// ample room for sanitizer builds. Pages are only touched as used.
-constexpr size_t kChildStackSize = 256 * 1024;
-// Last-resort bound when descriptors must be closed one by one.
-constexpr int kCloseLoopLimit = 65536;
 
-// Everything the child needs, prepared before it starts. The child shares the parent's
-// memory until exec (see startChild), so it only reads this, and only async-signal-safe
-// calls are made there.
-struct ChildSetup {
-    const char* path;   // the file to execute (device path mapped under the root)
-    char* const* argv;  // argv[0] keeps the device path
-    int outWrite;       // becomes standard output and standard error
-    int reportWrite;    // close-on-exec: carries the exec errno back, or nothing
-    int nullRead;       // becomes standard input; -1 when /dev/null could not be opened
+// A descriptor number above the standard streams, close-on-exec. When the daemon runs with
+// its standard streams closed, pipe2 hands out 0 to 2, and the child's dup2 onto the same
+// number would keep close-on-exec set and lose the descriptor at exec.
+unique_fd aboveStandardStreams(int fd) {
+    unique_fd owned(fd);
+    if (fd > STDERR_FILENO || fd < 0) return owned;
+    return unique_fd(fcntl(owned.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+}
+
+// The child's descriptors: standard input from /dev/null, standard output and error into
+// the one pipe, and nothing else of the daemon's, close-on-exec or not.
+class SpawnFileActions {
+public:
+    explicit SpawnFileActions(int outWrite) {
+        ok_ = posix_spawn_file_actions_init(&actions_) == 0;
+        ok_ = ok_ && posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null",
+                                                      O_RDONLY, 0) == 0;
+        ok_ = ok_ && posix_spawn_file_actions_adddup2(&actions_, outWrite, STDOUT_FILENO) == 0;
+        ok_ = ok_ && posix_spawn_file_actions_adddup2(&actions_, outWrite, STDERR_FILENO) == 0;
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 34))
+        ok_ = ok_ && posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1) == 0;
+#endif
+    }
+    ~SpawnFileActions() { posix_spawn_file_actions_destroy(&actions_); }
+    SpawnFileActions(const SpawnFileActions&) = delete;
+    SpawnFileActions& operator=(const SpawnFileActions&) = delete;
+
+    bool ok() const { return ok_; }
+    const posix_spawn_file_actions_t* get() const { return &actions_; }
+
+private:
+    posix_spawn_file_actions_t actions_;
+    bool ok_ = false;
 };
 
-// Returns the child's exit status after telling the parent why it could not exec.
-int report(int reportFd, int error) {
-    // A 4-byte write to a pipe is atomic; nothing useful can be done if it fails.
-    ssize_t ignored = write(reportFd, &error, sizeof(error));
-    (void)ignored;
-    return kExecFailedStatus;
-}
-
-// Closes every descriptor from 3 upwards except keep, by walking /proc/self/fd with the raw
-// getdents64 call (opendir would allocate). Returns false when /proc cannot be read.
-bool closeListedDescriptors(int keep) {
-    int dir = open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dir < 0) return false;
-    // Kernel layout: struct linux_dirent64 {u64 ino; s64 off; u16 reclen; u8 type; name[]}.
-    alignas(8) char buffer[4096];
-    for (;;) {
-        long length = syscall(SYS_getdents64, dir, buffer, sizeof(buffer));
-        if (length <= 0) break;
-        for (long offset = 0; offset < length;) {
-            const char* entry = buffer + offset;
-            uint16_t recordLength;
-            memcpy(&recordLength, entry + 16, sizeof(recordLength));
-            // Bounds: a record shorter than its header or past the data ends the walk.
-            if (recordLength < 20 || offset + recordLength > length) {
-                offset = length;
-                break;
-            }
-            const char* name = entry + 19;
-            int fd = 0;
-            bool numeric = name[0] != '\0';
-            for (const char* c = name; *c != '\0' && c < entry + recordLength; ++c) {
-                if (*c < '0' || *c > '9') {
-                    numeric = false;
-                    break;
-                }
-                fd = fd * 10 + (*c - '0');
-            }
-            if (numeric && fd > 2 && fd != keep && fd != dir) close(fd);
-            offset += recordLength;
-        }
+// The tool starts with every signal at its default disposition (ignored ones included) and
+// an empty signal mask, whatever the calling thread had.
+class SpawnAttributes {
+public:
+    SpawnAttributes() {
+        sigset_t all, none;
+        sigfillset(&all);
+        sigemptyset(&none);
+        ok_ = posix_spawnattr_init(&attributes_) == 0;
+        ok_ = ok_ && posix_spawnattr_setsigdefault(&attributes_, &all) == 0;
+        ok_ = ok_ && posix_spawnattr_setsigmask(&attributes_, &none) == 0;
+        ok_ = ok_ && posix_spawnattr_setflags(&attributes_,
+                                              POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK) == 0;
     }
-    close(dir);
-    return true;
-}
+    ~SpawnAttributes() { posix_spawnattr_destroy(&attributes_); }
+    SpawnAttributes(const SpawnAttributes&) = delete;
+    SpawnAttributes& operator=(const SpawnAttributes&) = delete;
 
-// Leaves the child with 0, 1, 2 and keep only, whatever the rest of the process opened
-// without close-on-exec.
-void closeDescriptorsFrom3Except(int keep) {
-#ifdef __NR_close_range
-    bool ok = true;
-    if (keep > 3) ok = syscall(__NR_close_range, 3u, static_cast<unsigned>(keep - 1), 0u) == 0;
-    if (ok && syscall(__NR_close_range, static_cast<unsigned>(keep + 1), ~0u, 0u) == 0) return;
-#endif
-    // Kernels before close_range: list the open descriptors, or failing that close blindly.
-    if (closeListedDescriptors(keep)) return;
-    struct rlimit limit;
-    int top = kCloseLoopLimit;
-    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < static_cast<rlim_t>(top)) {
-        top = static_cast<int>(limit.rlim_cur);
-    }
-    for (int fd = 3; fd < top; ++fd) {
-        if (fd != keep) close(fd);
-    }
-}
+    bool ok() const { return ok_; }
+    const posix_spawnattr_t* get() const { return &attributes_; }
 
-// The child's side: returns only when exec failed, with the status the child exits with.
-int runChild(const ChildSetup& setup) {
-    // Lift the kept descriptors above 2 first, so the dup2 calls below cannot overwrite one
-    // of them (pipe2 hands out 0-2 when the daemon runs with standard streams closed).
-    int reportFd = fcntl(setup.reportWrite, F_DUPFD_CLOEXEC, 3);
-    if (reportFd < 0) return report(setup.reportWrite, errno);
-    int out = fcntl(setup.outWrite, F_DUPFD_CLOEXEC, 3);
-    if (out < 0) return report(reportFd, errno);
-    int input = setup.nullRead >= 0 ? fcntl(setup.nullRead, F_DUPFD_CLOEXEC, 3) : -1;
-
-    // dup2 onto another number clears close-on-exec on the copy.
-    if (input >= 0) {
-        if (dup2(input, STDIN_FILENO) < 0) return report(reportFd, errno);
-    } else {
-        close(STDIN_FILENO);
-    }
-    if (dup2(out, STDOUT_FILENO) < 0 || dup2(out, STDERR_FILENO) < 0) {
-        return report(reportFd, errno);
-    }
-    closeDescriptorsFrom3Except(reportFd);
-
-    // The parent blocked every signal before the child was created, so no handler of the
-    // daemon can run here. The tool starts with default dispositions (ignored ones
-    // included) and an empty mask.
-    struct sigaction defaultAction = {};
-    defaultAction.sa_handler = SIG_DFL;
-    for (int sig = 1; sig < NSIG; ++sig) {
-        struct sigaction current;
-        if (sigaction(sig, nullptr, &current) != 0) continue;
-        if (current.sa_handler == SIG_DFL) continue;
-        sigaction(sig, &defaultAction, nullptr);
-    }
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-
-    execv(setup.path, setup.argv);
-    return report(reportFd, errno);
-}
-
-int childEntry(void* setup) { return runChild(*static_cast<const ChildSetup*>(setup)); }
-
-// Starts the child the way vfork does: it shares our memory and this thread waits until it
-// has exec'd or exited, so nothing of the daemon's address space is copied (fork would
-// copy the page tables of every thread's memory for a process that execs at once). The
-// child runs on a stack of its own, so it cannot disturb this frame. Returns the pid, or -1.
-pid_t startChild(ChildSetup& setup) {
-    void* stack = mmap(nullptr, kChildStackSize, PROT_READ | PROT_WRITE,
-                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
-    if (stack == MAP_FAILED) return -1;
-    char* stackTop = static_cast<char*>(stack) + kChildStackSize;  // stacks grow down
-    pid_t pid = clone(childEntry, stackTop, CLONE_VM | CLONE_VFORK | SIGCHLD, &setup);
-    int cloneError = errno;
-    munmap(stack, kChildStackSize);
-    errno = cloneError;
-    return pid;
-}
-
-ssize_t readRetrying(int fd, void* buffer, size_t size) {
-    for (;;) {
-        ssize_t n = read(fd, buffer, size);
-        if (n >= 0 || errno != EINTR) return n;
-    }
-}
+private:
+    posix_spawnattr_t attributes_;
+    bool ok_ = false;
+};
 
 // Reads until every writer has closed the pipe (the tool and anything it left behind).
 void readUntilEof(int fd, std::string& output) {
     char buffer[4096];
     for (;;) {
-        ssize_t n = readRetrying(fd, buffer, sizeof(buffer));
+        ssize_t n = read(fd, buffer, sizeof(buffer));
+        if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return;
         output.append(buffer, static_cast<size_t>(n));
     }
@@ -207,7 +116,7 @@ public:
         CommandResult result;
         if (argv.empty()) return result;
 
-        std::string path = DeviceRoot::map(argv[0]);
+        const std::string path = DeviceRoot::map(argv[0]);
         std::vector<char*> args;
         args.reserve(argv.size() + 1);
         for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
@@ -215,33 +124,24 @@ public:
 
         int fds[2];
         if (pipe2(fds, O_CLOEXEC) != 0) return result;
-        unique_fd outRead(fds[0]), outWrite(fds[1]);
-        if (pipe2(fds, O_CLOEXEC) != 0) return result;
-        unique_fd reportRead(fds[0]), reportWrite(fds[1]);
-        unique_fd nullRead(open("/dev/null", O_RDONLY | O_CLOEXEC));
+        unique_fd outRead = aboveStandardStreams(fds[0]);
+        unique_fd outWrite = aboveStandardStreams(fds[1]);
+        if (!outRead.ok() || !outWrite.ok()) return result;
 
-        ChildSetup setup{path.c_str(), args.data(), outWrite.get(), reportWrite.get(),
-                         nullRead.get()};
-        // Blocked while the child starts so that no signal handler of the daemon (the
-        // control thread takes SIGUSR1) ever runs in the child, on shared memory.
-        sigset_t all, previous;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &previous);
-        pid_t pid = startChild(setup);
-        pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-
-        // Only the child may hold the write ends now, or end of file never comes.
+        SpawnFileActions actions(outWrite.get());
+        SpawnAttributes attributes;
+        if (!actions.ok() || !attributes.ok()) return result;
+        // The C library's spawn shares our memory with the child until exec, as vfork does,
+        // and reports a failed exec as its result, so an unexecutable tool is "not started".
+        pid_t pid = -1;
+        int error = posix_spawn(&pid, path.c_str(), actions.get(), attributes.get(), args.data(),
+                                environ);
+        // Only the child may hold the write end now, or end of file never comes.
         outWrite.reset();
-        reportWrite.reset();
-        nullRead.reset();
-        if (pid < 0) return result;
+        if (error != 0) return result;
 
-        int execError = 0;
-        ssize_t reported = readRetrying(reportRead.get(), &execError, sizeof(execError));
-        if (reported == 0) {
-            result.started = true;
-            readUntilEof(outRead.get(), result.output);
-        }
+        result.started = true;
+        readUntilEof(outRead.get(), result.output);
         // Closed before waiting: a tool still writing then gets EPIPE instead of blocking.
         outRead.reset();
         reap(pid);
@@ -249,26 +149,19 @@ public:
     }
 };
 
-std::atomic<CommandRunner*> gInstalledRunner{nullptr};
-
 bool isBlank(char c) { return c == ' ' || c == '\t'; }
 
 }  // namespace
 
-CommandRunner& processRunner() {
-    static ProcessRunner runner;
-    return runner;
+Seam<CommandRunner>& commandRunnerSeam() {
+    static ProcessRunner real;
+    static Seam<CommandRunner> seam(real);
+    return seam;
 }
 
-CommandRunner& commandRunner() {
-    CommandRunner* installed = gInstalledRunner.load();
-    return installed != nullptr ? *installed : processRunner();
-}
+CommandRunner& processRunner() { return commandRunnerSeam().real(); }
 
-ScopedCommandRunner::ScopedCommandRunner(CommandRunner& runner)
-    : previous_(gInstalledRunner.exchange(&runner)) {}
-
-ScopedCommandRunner::~ScopedCommandRunner() { gInstalledRunner.store(previous_); }
+CommandRunner& commandRunner() { return commandRunnerSeam().get(); }
 
 std::vector<std::string> splitCommandLine(const std::string& command) {
     std::vector<std::string> argv;

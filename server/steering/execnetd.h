@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "base/seam.h"
+
 // Runs one complete command line (tool path first, arguments separated by blanks) and
 // waits for it. Returns 0 when the process could be started, -1 when it could not; the
 // tool's exit status is not looked at. Any output (standard output and error merged) is
@@ -33,16 +35,13 @@ CommandRunner& processRunner();
 // The runner execnetd uses: the one installed by ScopedCommandRunner, else processRunner().
 CommandRunner& commandRunner();
 
-// Test-only: installs a runner for the scope.
-class ScopedCommandRunner {
-public:
-    explicit ScopedCommandRunner(CommandRunner& runner);
-    ~ScopedCommandRunner();
-    ScopedCommandRunner(const ScopedCommandRunner&) = delete;
-    ScopedCommandRunner& operator=(const ScopedCommandRunner&) = delete;
+Seam<CommandRunner>& commandRunnerSeam();
 
-private:
-    CommandRunner* previous_;
+// Test-only: installs a runner for the scope.
+class ScopedCommandRunner : public ScopedSeamOverride<CommandRunner> {
+public:
+    explicit ScopedCommandRunner(CommandRunner& runner)
+        : ScopedSeamOverride(commandRunnerSeam(), runner) {}
 };
 
 // Splits a command line at blanks; runs of blanks make no empty argument.
