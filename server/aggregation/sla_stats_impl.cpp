@@ -16,12 +16,11 @@
 #include <sys/statfs.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <thread>
 #include <vector>
 
 #include "aggregation/sla_stats_data.h"
 #include "config/parameters.h"
+#include "base/clock.h"
 #include "base/device_root.h"
 #include "base/singleton_slot.h"
 #include "base/text.h"
@@ -32,7 +31,7 @@ namespace {
 
 constexpr const char* kStatsDir = "/proc/sla";
 constexpr int kMmapTries = 3;
-constexpr std::chrono::milliseconds kMmapRetryDelay{500};
+constexpr int64_t kMmapRetryDelayMs = 500;
 constexpr size_t kVoipStateMax = 20;
 
 // Releases everything a record owns: its statistics view, the mapping under it, itself.
@@ -133,7 +132,7 @@ bool SlaStatsImpl::initMmap() {
             mapping = getStatsMmap(record->name);
             // The module may still be creating the file; each miss waits before the next
             // look, the last one included, with interfaceMutex held as the channel expects.
-            if (mapping == nullptr) std::this_thread::sleep_for(kMmapRetryDelay);
+            if (mapping == nullptr) vekt::sleepMs(kMmapRetryDelayMs);
         }
         if (mapping != nullptr) {
             record->stats = new SlaStatsData(mapping, isWifi);
