@@ -156,19 +156,27 @@ void Parameters::readVektConfFile(const char* path) {
         ALOGE("read vekt conf file failed!");
         return;
     }
+    std::string text;
+    char buffer[4096];
+    for (size_t n; (n = fread(buffer, 1, sizeof(buffer), file)) > 0;) text.append(buffer, n);
+    fclose(file);
+    fromVector(settingLines(text.data(), text.size()));
+}
+
+std::vector<std::string> Parameters::settingLines(const char* text, size_t length) {
     std::vector<std::string> lines;
-    char* buffer = nullptr;
-    size_t capacity = 0;
-    for (ssize_t length; (length = getline(&buffer, &capacity, file)) >= 0;) {
-        std::string line(buffer, static_cast<size_t>(length));
-        if (!line.empty() && line.back() == '\n') line.pop_back();
+    size_t start = 0;
+    while (start < length) {
+        const void* newline = memchr(text + start, '\n', length - start);
+        size_t end = newline != nullptr ? static_cast<size_t>(static_cast<const char*>(newline) - text)
+                                        : length;
+        std::string line(text + start, end - start);
+        start = end + 1;
         trim(line);
         if (line.empty() || line[0] == '#') continue;
         lines.push_back(line);
     }
-    free(buffer);
-    fclose(file);
-    fromVector(lines);
+    return lines;
 }
 
 void Parameters::fromVector(const std::vector<std::string>& lines) {

@@ -52,6 +52,9 @@ public:
     // ---- settings ----
     void init();
     void readVektConfFile(const char* path);
+    // The setting lines of a settings file's text: each line trimmed, blank lines and
+    // comments dropped. A pure function over the bytes; NUL bytes are kept as text.
+    static std::vector<std::string> settingLines(const char* text, size_t length);
     void fromVector(const std::vector<std::string>& lines);
     static std::string& trim(std::string& s);
     int setValue(const char* key, const char* value);
