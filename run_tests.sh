@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
-# Builds Vekt twice (g++ plain, clang with AddressSanitizer + UndefinedBehaviorSanitizer)
-# and runs the whole suite in both. Installs what is missing when run as root.
+# Builds Vekt three times and runs the whole suite in each: g++ plain; clang with
+# AddressSanitizer + UndefinedBehaviorSanitizer; clang with ThreadSanitizer. Installs what
+# is missing when run as root, and prints the time each stage took.
 set -euo pipefail
 cd "$(dirname "$0")"
 
-packages=(cmake ninja-build g++ clang libgtest-dev libgmock-dev libbenchmark-dev
-          iproute2 iptables socat)
+packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev
+          libbenchmark-dev iproute2 iptables socat)
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
@@ -21,18 +22,36 @@ if [ ${#missing[@]} -gt 0 ]; then
 fi
 
 jobs=$(nproc)
+stage_start=0
+stage() {  # stage NAME: prints the previous stage's time, then this stage's name
+    local now=$SECONDS
+    if [ "$stage_start" != 0 ]; then echo "== took $((now - stage_start)) s"; fi
+    stage_start=$now
+    [ -n "${1:-}" ] && echo "== $1"
+    return 0
+}
 build() {  # build DIR CXX EXTRA...
     local dir=$1 cxx=$2; shift 2
-    echo "== configuring $dir ($cxx $*)"
     CXX=$cxx cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
     cmake --build "$dir" -j "$jobs"
 }
+stage_start=$SECONDS
 
+stage "build (g++)"
 build build g++
-build build-asan clang++ -DVEKT_SANITIZE=ON -DVEKT_BUILD_BENCH=OFF
-
-echo "== tests (g++)"
+stage "tests (g++)"
 ctest --test-dir build --output-on-failure -j "$jobs"
-echo "== tests (clang, ASan + UBSan)"
+
+stage "build (clang, ASan + UBSan)"
+build build-asan clang++ -DVEKT_SANITIZE=ON -DVEKT_BUILD_BENCH=OFF
+stage "tests (clang, ASan + UBSan)"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
     ctest --test-dir build-asan --output-on-failure -j "$jobs"
+
+stage "build (clang, ThreadSanitizer)"
+build build-tsan clang++ -DVEKT_TSAN=ON -DVEKT_BUILD_BENCH=OFF
+stage "tests (clang, ThreadSanitizer)"
+TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$PWD/tests/tsan.supp" \
+    ctest --test-dir build-tsan --output-on-failure -j "$jobs"
+stage ""
+echo "== all stages passed in $SECONDS s"
