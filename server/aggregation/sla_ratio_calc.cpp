@@ -13,6 +13,7 @@
 #include "aggregation/sla_stats_impl.h"
 #include "config/parameters.h"
 #include "base/clock.h"
+#include "base/mapped_read.h"
 #include "steering/iptables_manager.h"
 
 namespace {
@@ -93,7 +94,17 @@ bool SlaStatsImpl::evalAndSetSLAInterfaceRatio() {
         vekt::MutexLock statsLock(slaStatsMutex);
         forEachRegisteredLink(m_slaInterfaceMap, params, [&](linkStatsWrapper_t& record,
                                                             const InterfaceInfo_t& info) {
-            uint32_t rate = record.stats->linkRateEstimate(&record.sampleCount, record.name);
+            uint32_t rate = 0;
+            const bool readable = vekt::readMappedFile([&record, &rate] {
+                rate = record.stats->linkRateEstimate(&record.sampleCount, record.name);
+            });
+            if (!readable) {
+                // The file shrank under its mapping: no measurement this pass.
+                ALOGE("%s statistics file of %s is shorter than its mapping",
+                      "evalAndSetSLAInterfaceRatio", record.name);
+                rate = 0;
+                record.sampleCount = 0;
+            }
             if (static_cast<int64_t>(record.sampleCount) < packNum) rate = 0;
             if (info.metered && static_cast<int64_t>(rate) < wanThreshold) rate = 0;
             record.rate = rate;
