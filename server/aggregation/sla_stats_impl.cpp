@@ -24,6 +24,7 @@
 #include "base/device_root.h"
 #include "base/singleton_slot.h"
 #include "base/text.h"
+#include "config/input_validation.h"
 
 vekt::Mutex slaStatsMutex(vekt::LockLevel::kSlaStats, "slaStatsMutex");
 
@@ -151,12 +152,19 @@ bool SlaStatsImpl::initMmap() {
 }
 
 void* SlaStatsImpl::getStatsMmap(std::string name) {
+    // The name becomes one path component inside the statistics directory, and nothing else.
+    if (!vekt::isValidInterfaceName(name)) {
+        vekt::logRefused(LOG_TAG, "getStatsMmap", "interface name", name);
+        return nullptr;
+    }
     char path[128];
     snprintf(path, sizeof(path), "%s%s%s_mmap", kStatsDir, "/", name.c_str());
     // The create flag and mode are what the module's files expect to be opened with; the
-    // module, not us, provides the file.
-    android::base::unique_fd fd(
-        open(vekt::DeviceRoot::map(path).c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0777));
+    // module, not us, provides the file. Non-blocking, so that a FIFO in its place cannot
+    // hold the caller; no symbolic link is followed out of the directory.
+    android::base::unique_fd fd(open(vekt::DeviceRoot::map(path).c_str(),
+                                     O_RDONLY | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC,
+                                     0777));
     if (!fd.ok()) {
         ALOGE("open mmap file failed:%s", strerror(errno));
         return nullptr;
@@ -168,6 +176,10 @@ void* SlaStatsImpl::getStatsMmap(std::string name) {
     struct stat fileInfo = {};
     if (fstatfs(fd.get(), &fsInfo) != 0 || fstat(fd.get(), &fileInfo) != 0) {
         ALOGE("stat mmap file failed:%s", strerror(errno));
+        return nullptr;
+    }
+    if (!S_ISREG(fileInfo.st_mode)) {
+        ALOGE("mmap file %s is not a regular file", path);
         return nullptr;
     }
     if (fsInfo.f_type != PROC_SUPER_MAGIC &&
@@ -218,8 +230,9 @@ int SlaStatsImpl::enableSlaVoipState(bool on, const char* uid) {
 }
 
 int SlaStatsImpl::getSlaVoipState(char* address, size_t addressSize, char* port, size_t portSize) {
+    // Non-blocking: a FIFO in the file's place must not hold the caller.
     android::base::unique_fd fd(
-        open(vekt::DeviceRoot::map(kVoipStateFile).c_str(), O_RDONLY | O_CLOEXEC));
+        open(vekt::DeviceRoot::map(kVoipStateFile).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (!fd.ok()) {
         ALOGE("open voip state file failed:%s", strerror(errno));
         return -1;

@@ -9,6 +9,7 @@
 
 #include "config/parameters.h"
 #include "base/text.h"
+#include "config/input_validation.h"
 
 namespace {
 
@@ -127,6 +128,11 @@ void Parameters::populateWifiGateway(const char* text) {
         if (piece.size() > kMaxGatewayLength) {
             ALOGE("populateWifiGateway token length error is %lu",
                   static_cast<unsigned long>(piece.size()));
+            continue;
+        }
+        // The gateway becomes the one "-d" argument of a rule.
+        if (!vekt::isValidGatewayAddress(piece)) {
+            vekt::logRefused(LOG_TAG, "populateWifiGateway", "gateway address", piece);
             continue;
         }
         gateways.push_back(piece);

@@ -7,6 +7,7 @@
 
 #include "config/parameters.h"
 #include "base/text.h"
+#include "config/input_validation.h"
 
 namespace {
 
@@ -18,6 +19,24 @@ std::string formatMark(uint32_t mark) {
     char text[16];
     snprintf(text, sizeof(text), "0x%x", mark);
     return text;
+}
+
+// The name and the table become tool arguments and a path, the mark a tool argument.
+bool fieldsAreSafe(const std::vector<std::string>& pieces) {
+    static constexpr const char* kFn = "parseInterfaceParams";
+    if (!vekt::isValidInterfaceName(pieces[0])) {
+        vekt::logRefused(LOG_TAG, kFn, "interface name", pieces[0]);
+        return false;
+    }
+    if (!vekt::isValidInterfaceName(pieces[2])) {
+        vekt::logRefused(LOG_TAG, kFn, "route table", pieces[2]);
+        return false;
+    }
+    if (!vekt::isValidFwmark(pieces[3])) {
+        vekt::logRefused(LOG_TAG, kFn, "fwmark", pieces[3]);
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -86,7 +105,8 @@ InterfaceInfo_t* Parameters::parseInterfaceParams(const std::string& params) {
             info->slave = atoi(pieces[7].c_str()) != 0;
             info->cost = atoi(pieces[5].c_str());
             info->bias = atoi(pieces[6].c_str());
-            if (validateInterfaceParams(info)) return info;
+            // The record's own checks first, with their lines; then what becomes arguments.
+            if (validateInterfaceParams(info) && fieldsAreSafe(pieces)) return info;
         }
     }
     free(info);

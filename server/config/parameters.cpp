@@ -14,6 +14,7 @@
 
 #include "base/device_root.h"
 #include "base/singleton_slot.h"
+#include "config/input_validation.h"
 
 vekt::Mutex interfaceMutex(vekt::LockLevel::kInterface, "interfaceMutex");
 
@@ -76,6 +77,19 @@ vekt::SingletonSlot<Parameters>& slot() {
     static vekt::SingletonSlot<Parameters> instance(vekt::LockLevel::kParametersSingleton,
                                                     "Parameters singleton");
     return instance;
+}
+
+// Whether value, converted as every setting is, lies in the working range of key (keys
+// without a range always do). A refusal is logged and the setting keeps its value.
+bool inRange(const char* key, const char* value, const std::atomic<int32_t>& current) {
+    const vekt::SettingRange* range = vekt::findSettingRange(key);
+    if (range == nullptr) return true;
+    // Converted wide first: a value beyond 32 bits must not wrap into the range.
+    const long long wide = strtoll(value, nullptr, 10);
+    if (wide >= range->min && wide <= range->max) return true;
+    ALOGE("%s refused %s=%s: outside %d to %d, keeping %d", "setValue", key,
+          vekt::printableText(value).c_str(), range->min, range->max, current.load());
+    return false;
 }
 
 int32_t readEnableProperty() {
@@ -208,18 +222,23 @@ std::string& Parameters::trim(std::string& s) {
 int Parameters::setValue(const char* key, const char* value) {
     for (int slot = 0; slot <= UPDATE_PM_FREQ; ++slot) {
         if (strcmp(key, kSlotKeys[slot]) == 0) {
-            m_settings[slot] = atoi(value);
+            if (inRange(key, value, m_settings[slot])) m_settings[slot] = atoi(value);
             return 1;
         }
     }
     for (const IntKey& entry : kIntKeys) {
         if (strcmp(key, entry.key) == 0) {
-            (this->*entry.member) = atoi(value);
+            if (inRange(key, value, this->*entry.member)) (this->*entry.member) = atoi(value);
             return 1;
         }
     }
     for (const TextKey& entry : kTextKeys) {
         if (strcmp(key, entry.key) == 0) {
+            // The RTT server becomes a probe's destination address.
+            if (entry.member == &Parameters::m_rttServer && !vekt::isValidGatewayAddress(value)) {
+                vekt::logRefused(LOG_TAG, "setValue", "rtt_server address", value);
+                return 1;
+            }
             (this->*entry.member).set(value);
             return 1;
         }

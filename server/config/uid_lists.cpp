@@ -5,6 +5,7 @@
 
 #include "config/parameters.h"
 #include "base/text.h"
+#include "config/input_validation.h"
 
 namespace {
 
@@ -57,6 +58,11 @@ void Parameters::populateUidList(const vekt::SharedValue<std::string>& text,
     for (const std::string& uid : vekt::splitList(text.get())) {
         if (limitLength && uid.size() > kMaxWhitelistUidLength) {
             ALOGE("%s token length error is %lu", variant, static_cast<unsigned long>(uid.size()));
+            continue;
+        }
+        // Each UID becomes one tool argument: digits only. An empty piece stays an entry.
+        if (!uid.empty() && !vekt::isValidUid(uid)) {
+            vekt::logRefused(LOG_TAG, variant, "UID", uid);
             continue;
         }
         uids.push_back(uid);

@@ -20,6 +20,7 @@
 #include "aggregation/sla_stats_impl.h"
 #include "config/parameters.h"
 #include "base/text.h"
+#include "config/input_validation.h"
 #include "control/control_socket.h"
 #include "steering/iptables_manager.h"
 
@@ -106,6 +107,38 @@ int32_t parseRttOrDie(const char* text) {
     return static_cast<int32_t>(value);
 }
 
+std::vector<std::string> validInterfaceNames(const char* text) {
+    std::vector<std::string> names;
+    for (std::string& name : vekt::splitList(text)) {
+        if (vekt::isValidInterfaceName(name)) {
+            names.push_back(std::move(name));
+        } else {
+            vekt::logRefused(LOG_TAG, "updateInterfaces", "interface name", name);
+        }
+    }
+    return names;
+}
+
+std::string joinList(const std::vector<std::string>& pieces) {
+    std::string joined;
+    for (const std::string& piece : pieces) joined += (joined.empty() ? "" : ",") + piece;
+    return joined;
+}
+
+// The UIDs of a text as the kernel module's "voip_uid=" line carries them: only pieces
+// that are UIDs reach the module.
+std::string validUidText(const char* text, const char* handler) {
+    std::vector<std::string> uids;
+    for (const std::string& piece : vekt::splitList(text)) {
+        if (vekt::isValidUid(piece)) {
+            uids.push_back(piece);
+        } else {
+            vekt::logRefused(LOG_TAG, handler, "UID", piece);
+        }
+    }
+    return joinList(uids);
+}
+
 }  // namespace
 
 void resetHandlerStateForTest() {
@@ -150,7 +183,10 @@ void handleMessage(msg_t msg) {
 void updateInterfaces(const char* text) {
     gCurInterfaceList.clear();
     if (text == nullptr) return;
-    gCurInterfaceList = vekt::splitList(text);
+    // A name the kernel would not take is refused here, before it can become a tool argument
+    // or a path; the list goes on without it, now and as the previous list.
+    const std::vector<std::string> names = validInterfaceNames(text);
+    gCurInterfaceList = names;
 
     for (const std::string& name : gPreInterfaceList) {
         if (contains(gCurInterfaceList, name)) continue;
@@ -164,7 +200,7 @@ void updateInterfaces(const char* text) {
     }
 
     gPreInterfaceList.clear();
-    for (const std::string& name : vekt::splitList(text)) {
+    for (const std::string& name : names) {
         gPreInterfaceList.push_back(name);
         ALOGI("preinterfacelist is %s", name.c_str());
     }
@@ -256,14 +292,17 @@ void setVoipStatus(const char* text) {
     // The UID list itself is the switch: a first UID that is a non-zero number means on.
     bool on = atoi(text) != 0;
     if (on && !params->isVoipRunning()) {
-        SlaStatsImpl::instance()->enableSlaVoipState(true, text);
         adoptGamingUids(params, text);
+        // The gaming list holds the UIDs that passed validation (refusals are logged there).
+        SlaStatsImpl::instance()->enableSlaVoipState(
+            true, joinList(params->m_gamingUidList.get()).c_str());
         IptablesManager::instance()->setup_slm_whitelist();
         // pending: selection UID chains.
         // pending: start probing, RSSI monitor.
         params->setVoipRunning(true);
     } else if (!on && params->isVoipRunning()) {
-        SlaStatsImpl::instance()->enableSlaVoipState(false, text);
+        SlaStatsImpl::instance()->enableSlaVoipState(false,
+                                                     validUidText(text, "setVoipStatus").c_str());
         params->setVoipRunning(false);
         params->setServiceHighRtt(false);
         params->setGamingUids(nullptr);

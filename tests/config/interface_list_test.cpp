@@ -94,9 +94,9 @@ TEST_F(InterfaceListTest, BssidUpdates) {
 
 TEST_F(InterfaceListTest, GatewayPiecesOfSeventeenOrMoreAreSkipped) {
     Parameters* p = params();
-    p->populateWifiGateway("192.168.1.1,1234567890123456,12345678901234567,10.0.0.1");
+    p->populateWifiGateway("192.168.1.1,2001:db8::1:2:34,2001:db8::1:2:345,10.0.0.1");
     EXPECT_EQ(p->m_wifiGatewayList.get(),
-              (std::vector<std::string>{"192.168.1.1", "1234567890123456", "10.0.0.1"}));
+              (std::vector<std::string>{"192.168.1.1", "2001:db8::1:2:34", "10.0.0.1"}));
     EXPECT_TRUE(log_.contains("populateWifiGateway token length error is 17"));
     EXPECT_TRUE(log_.contains("populateWifiGateway = 10.0.0.1"));
     p->populateWifiGateway("");

@@ -74,16 +74,22 @@ TEST_F(InterfaceRegistryTest, RejectsWrongFieldCountsAndMissingTexts) {
     EXPECT_TRUE(log_.contains("validateInterfaceParams Interface Obj is NULL"));
 }
 
-TEST_F(InterfaceRegistryTest, OverlongTokensAreCutNotOverflowed) {
-    std::string longName(300, 'n');
-    std::string params_ = longName + ",0," + std::string(200, 't') + ",0x200000,1,0,0,0," +
-                          std::string(40, 'b');
-    InterfaceInfo_t* info = params()->parseInterfaceParams(params_);
+TEST_F(InterfaceRegistryTest, OverlongTokensAreCutOrRefusedNotOverflowed) {
+    InterfaceInfo_t* info = params()->parseInterfaceParams(
+        "wlan0,0," + std::string(15, 't') + ",0x200000,1,0,0,0," + std::string(40, 'b'));
     ASSERT_NE(info, nullptr);
-    EXPECT_EQ(std::string(info->name), std::string(127, 'n'));
-    EXPECT_EQ(std::string(info->routeTable), std::string(127, 't'));
+    EXPECT_EQ(std::string(info->routeTable), std::string(15, 't'));
     EXPECT_EQ(std::string(info->bssid), std::string(12, 'b'));
     free(info);
+    // Names and tables become tool arguments and paths: what the kernel would refuse is.
+    const std::string longName(300, 'n');
+    EXPECT_EQ(params()->parseInterfaceParams(longName + ",0,wlan0,0x200000,1,0,0,0,ff"), nullptr);
+    EXPECT_TRUE(log_.contains("parseInterfaceParams refused interface name \"" +
+                              std::string(64, 'n') + "...\""));
+    EXPECT_EQ(params()->parseInterfaceParams("wlan0,0,../t,0x200000,1,0,0,0,ff"), nullptr);
+    EXPECT_TRUE(log_.contains("parseInterfaceParams refused route table \"../t\""));
+    EXPECT_EQ(params()->parseInterfaceParams("wlan0,0,wlan0,0x2 -j X,1,0,0,0,ff"), nullptr);
+    EXPECT_TRUE(log_.contains("parseInterfaceParams refused fwmark \"0x2 -j X\""));
 }
 
 TEST_F(InterfaceRegistryTest, AddReplaceAndDelete) {

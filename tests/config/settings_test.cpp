@@ -74,7 +74,9 @@ TEST_F(SettingsTest, SettingsFileQuirks) {
     EXPECT_FALSE(log_.contains("read vekt conf file failed!"));
     EXPECT_EQ(p->m_pingIntervalMs, 800);
     EXPECT_EQ(p->m_alphaPercent, 4);  // the digit before "#" went with the comment
-    EXPECT_EQ(p->m_rttServer.get(), "");
+    // An empty server cannot be probed: refused, the default stays.
+    EXPECT_EQ(p->m_rttServer.get(), VEKT_DEFAULT_RTT_SERVER);
+    EXPECT_TRUE(log_.contains("setValue refused rtt_server address \"\""));
     EXPECT_EQ(p->get(MINI_EST_INTERVAL), 300);  // a repeated key takes the later value
     EXPECT_EQ(p->m_protocols.get(), "a=b");           // further "=" belong to the value
     EXPECT_EQ(p->get(WAN_THRESHOLD), 12);
