@@ -6,6 +6,7 @@
 #include <mutex>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "aggregation/sla_stats_data.h"
@@ -70,6 +71,8 @@ TEST_F(SlaRatioTest, RatiosFollowTheStageAndTheRates) {
         {1, 800, 800, 800, {{"wlan0", 800, 0.5f}, {"wwan0", 600, 0.375f}, {"wwan1", 200, 0.125f}}},
         // All idle: the Wi-Fi links share equally, cellular gets nothing.
         {1, 0, 0, 0, {{"wlan0", 0, 0.5f}, {"wlan1", 0, 0.5f}, {"wwan0", 0, 0}}},
+        // Not all idle: what is left goes in equal parts to the idle links, whatever they are.
+        {1, 0, 400, 400, {{"wlan0", 400, 0.25f}, {"wwan0", 0, 0.375f}, {"wwan1", 0, 0.375f}}},
     };
     for (const auto& [stage, cellSum, wifiSum, wifiMax, links] : cases) {
         SlaStatsImpl::finalize();
@@ -92,6 +95,30 @@ TEST_F(SlaRatioTest, CellularBelowWanThresholdFallsBackToItsHistory) {
         EXPECT_EQ(record("rmnet_data0")->rate, 800u);
     }
     EXPECT_EQ(record("rmnet_data0")->history.samples, (std::deque<uint32_t>{800, 0}));
+}
+
+TEST_F(SlaRatioTest, BelowTheWifiThresholdOneWifiLinkLeavesRoomButTwoShareAll) {
+    // Under wifi_threshold (1600) a lone Wi-Fi link is held to its part of the threshold,
+    // leaving room for cellular; two Wi-Fi links without cellular share all by their rates.
+    using Rates = std::vector<std::pair<const char*, uint32_t>>;
+    const std::pair<Rates, std::vector<float>> cases[] = {
+        {{{"wlan0", 600}}, {0.375f}},
+        {{{"wlan0", 600}, {"wlan1", 200}}, {0.75f, 0.25f}},
+    };
+    for (const auto& [rates, ratios] : cases) {
+        SlaStatsImpl::finalize();
+        Parameters::destroyInstanceForTest();
+        impl_ = SlaStatsImpl::instance();
+        for (const auto& [name, rate] : rates) {
+            fillSteady(addLink(name), 40, 40, kNow - 10, 20, bytesPer20Ms(rate));
+        }
+        impl_->evalAndSetSLAInterfaceRatio();
+        for (size_t i = 0; i < rates.size(); ++i) {
+            ASSERT_EQ(record(rates[i].first)->rate, rates[i].second);
+            EXPECT_FLOAT_EQ(record(rates[i].first)->ratio, ratios[i])
+                << rates[i].first << " of " << rates.size();
+        }
+    }
 }
 
 TEST_F(SlaRatioTest, RewriteNeedsMoreThanTheMinimumChange) {

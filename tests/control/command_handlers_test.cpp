@@ -77,6 +77,23 @@ TEST_F(CommandHandlersTest, InterfaceListsAreDiffedWithRemovalsFirst) {
     EXPECT_TRUE(SlaStatsImpl::instance()->m_slaInterfaceMap.empty());
 }
 
+TEST_F(CommandHandlersTest, ADroppedInterfaceTakesItsRulesAlongAndTheKeptOneIsLeftAlone) {
+    for (const char* name : {"wlan0", "rmnet_data0"}) root_.publishStatsFile(name);
+    send(MSG_UPDATE_INTERFACES, "wlan0,rmnet_data0");
+    runner_.clear();
+    send(MSG_UPDATE_INTERFACES, "wlan0");
+    // The ratio chain is emptied, as it may jump into the chains that go.
+    const std::string chain = "tarn_fw_rmnet_data0";
+    const std::string rule = "/system/bin/ip-wrapper-1.0 -4 rule ";
+    const std::string nat = "/system/bin/iptables-wrapper-1.0 -w -t nat ";
+    EXPECT_EQ(
+        runner_.commands(),
+        (Strings{kIptables + "-F tarn_SLA", kIptables + "-F " + chain + "_wrapper",
+                 kIptables + "-X " + chain + "_wrapper", kIptables + "-F " + chain,
+                 kIptables + "-X " + chain, rule + "del fwmark 0x400000/0x0CE00000 prio 14999",
+                 nat + "-D tarn_nat_POSTROUTING_SLM -o rmnet_data0 -j MASQUERADE"}));
+}
+
 TEST_F(CommandHandlersTest, ListsAreRebuiltOnlyOnANewTextAndNullEmptiesAWhitelist) {
     const std::string uidRule =
         kIptables + "-A tarn_SLM_wapper -m owner --uid-owner 10123 -j tarn_SLM";
