@@ -66,12 +66,20 @@ void adoptGamingUids(Parameters* params, const char* uids) {
     params->setGamingConnectStatus(true);
 }
 
+// The gaming UIDs enter the steering tree, and each interface gets their selection chains.
+void steerGamingUids() {
+    IptablesManager* iptables = IptablesManager::instance();
+    iptables->setup_slm_whitelist();
+    iptables->setup_SLS_iptables_UID_chains();
+}
+
 // The whitelist commands share one shape; they differ in the stored copy and in which
 // Parameters list they rebuild.
 struct WhitelistVariant {
     char* accepted;
     void (Parameters::*set)(const char*);
     void (Parameters::*populate)();
+    int (IptablesManager::*setupRules)();
 };
 
 void applyWhitelist(const WhitelistVariant& variant, const char* text, const char* handler) {
@@ -83,7 +91,7 @@ void applyWhitelist(const WhitelistVariant& variant, const char* text, const cha
     (params->*variant.set)(strcmp(text, "NULL") == 0 ? "" : text);
     (params->*variant.populate)();
     iptables->setup_slm_whitelist();
-    // pending: the variant's per-interface UID whitelist rules.
+    (iptables->*variant.setupRules)();
 }
 
 bool contains(const std::vector<std::string>& list, const std::string& name) {
@@ -229,19 +237,21 @@ int removeInterfaces(const char* name) {
 
 void setUidWhitelist(const char* text) {
     applyWhitelist({gSlaUidWhitelist, &Parameters::setuidwhitelist,
-                    &Parameters::populateSlaUidWhitelist},
+                    &Parameters::populateSlaUidWhitelist, &IptablesManager::setup_sla_uid_whitelist},
                    text, "setUidWhitelist");
 }
 
 void setDWUidWhitelist(const char* text) {
     applyWhitelist({gDWUidWhitelist, &Parameters::setDWUidWhitelist,
-                    &Parameters::populateDWUidWhitelist},
+                    &Parameters::populateDWUidWhitelist,
+                    &IptablesManager::setup_double_wlan_uid_whitelist},
                    text, "setDWUidWhitelist");
 }
 
 void setDDUidWhitelist(const char* text) {
     applyWhitelist({gDDUidWhitelist, &Parameters::setDDUidWhitelist,
-                    &Parameters::populateDDUidWhitelist},
+                    &Parameters::populateDDUidWhitelist,
+                    &IptablesManager::setup_double_data_uid_whitelist},
                    text, "setDDUidWhitelist");
 }
 
@@ -270,8 +280,8 @@ void StartSlsServer(const char* text) {
     Parameters* params = gParams;
     if (params == nullptr || params->isGamingRunning() != 0) return;
     adoptGamingUids(params, text);
-    IptablesManager::instance()->setup_slm_whitelist();
-    // pending: selection UID chains, start probing, RSSI monitor, socket monitor polling.
+    steerGamingUids();
+    // pending: start probing, RSSI monitor, socket monitor polling.
     params->setGamingRunning(1);
 }
 
@@ -281,7 +291,8 @@ void StopSlsServer() {
     // pending: finalize the socket monitor.
     params->setServiceHighRtt(false);
     params->setGamingUids(nullptr);
-    // pending: stop probing, remove the selection UID chains.
+    // pending: stop probing.
+    IptablesManager::instance()->cleanup_SLS_iptables_UID_chains();
     params->setGamingRunning(0);
     // pending: finalize the RSSI monitor.
 }
@@ -296,8 +307,7 @@ void setVoipStatus(const char* text) {
         // The gaming list holds the UIDs that passed validation (refusals are logged there).
         SlaStatsImpl::instance()->enableSlaVoipState(
             true, joinList(params->m_gamingUidList.get()).c_str());
-        IptablesManager::instance()->setup_slm_whitelist();
-        // pending: selection UID chains.
+        steerGamingUids();
         // pending: start probing, RSSI monitor.
         params->setVoipRunning(true);
     } else if (!on && params->isVoipRunning()) {
@@ -307,7 +317,9 @@ void setVoipStatus(const char* text) {
         params->setServiceHighRtt(false);
         params->setGamingUids(nullptr);
         params->setGamingConnectStatus(false);
-        // pending: stop probing, remove the selection UID chains, finalize the RSSI monitor.
+        // pending: stop probing.
+        IptablesManager::instance()->cleanup_SLS_iptables_UID_chains();
+        // pending: finalize the RSSI monitor.
     }
 }
 
@@ -335,8 +347,7 @@ void setGameAiModeEnable(const char* text) {
         params->m_nHyst = 2;
         params->maxPingMiss = 2;
         params->setGamingAiModeCheckRtt(false);
-        IptablesManager::instance()->setup_slm_whitelist();
-        // pending: selection UID chains.
+        steerGamingUids();
         params->setGamingRunning(2);
         // pending: RSSI monitor, socket monitor polling. Probing waits for id 14 or 15.
     } else if (!on && params->isGamingRunning() == 2) {
@@ -347,7 +358,8 @@ void setGameAiModeEnable(const char* text) {
         params->m_nHyst = 1;
         params->maxPingMiss = 5;
         params->setGamingRunning(0);
-        // pending: finalize the RSSI monitor, remove the selection UID chains.
+        // pending: finalize the RSSI monitor.
+        IptablesManager::instance()->cleanup_SLS_iptables_UID_chains();
     }
 }
 

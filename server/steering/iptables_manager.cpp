@@ -5,8 +5,6 @@
 #include "steering/iptables_manager.h"
 
 #include <log/log.h>
-#include <stdarg.h>
-#include <stdio.h>
 
 #include <algorithm>
 #include <string>
@@ -14,11 +12,10 @@
 #include "base/singleton_slot.h"
 #include "config/parameters.h"
 #include "steering/execnetd.h"
+#include "steering/rule_commands.h"
 
 vekt::Mutex iptablesMutex(vekt::LockLevel::kIptables, "iptablesMutex");
 
-#define IPTABLES "/system/bin/iptables-wrapper-1.0"
-#define IP_TOOL "/system/bin/ip-wrapper-1.0"
 #define SLA_RATIO_RULE                                                           \
     IPTABLES                                                                     \
     " -w -t mangle -A tarn_SLA -p tcp -m state --state NEW -m statistic --mode " \
@@ -26,59 +23,16 @@ vekt::Mutex iptablesMutex(vekt::LockLevel::kIptables, "iptablesMutex");
 
 namespace {
 
+using vekt::ChainName;
+using vekt::markChain;
+using vekt::runCommand;
+using vekt::runCommandUncounted;
+using vekt::wrapperChain;
+
 // Interface marks live in these three bits; the routing rule matches under a wider mask so
 // that a packet also carrying one of the two extra bits does not follow the interface table.
 constexpr const char* kMarkMask = "0x00E00000";
 constexpr const char* kRouteMask = "0x0CE00000";
-
-// Chain names are bounded like the registry's text fields: at most 127 characters.
-constexpr size_t kChainNameSize = 128;
-// Every command the manager builds fits in 511 characters (interface names, marks and
-// tables are at most 127 each).
-constexpr size_t kCommandSize = 512;
-
-struct ChainName {
-    char text[kChainNameSize];
-    const char* c_str() const { return text; }
-};
-
-// Joins two texts into a chain name, cutting what does not fit.
-ChainName joinBounded(const char* head, const char* tail) {
-    ChainName chain;
-    vekt::copyBounded(chain.text, sizeof(chain.text), (std::string(head) + tail).c_str());
-    return chain;
-}
-
-// "tarn_fw_" + interface name: the interface's mark chain.
-ChainName markChain(const char* ifname) { return joinBounded("tarn_fw_", ifname); }
-
-// The mark chain's name + "_wrapper": the per-UID gate in front of the mark chain.
-ChainName wrapperChain(const ChainName& mark) { return joinBounded(mark.text, "_wrapper"); }
-
-int vrunCommand(const char* format, va_list args) {
-    char line[kCommandSize];
-    vsnprintf(line, sizeof(line), format, args);
-    return execnetd(line);
-}
-
-// Formats one command line and runs it; the result is 0 or -1 (see execnetd) and is added
-// into the operation's status.
-__attribute__((format(printf, 1, 2))) int runCommand(const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    int result = vrunCommand(format, args);
-    va_end(args);
-    return result;
-}
-
-// For commands whose failure is harmless by design (creating a chain that may exist,
-// flushing one that is about to go): their result never counts.
-__attribute__((format(printf, 1, 2))) void runCommandUncounted(const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    (void)vrunCommand(format, args);
-    va_end(args);
-}
 
 vekt::SingletonSlot<IptablesManager>& slot() {
     static vekt::SingletonSlot<IptablesManager> instance(vekt::LockLevel::kSingleton,
@@ -143,11 +97,12 @@ IptablesManager::~IptablesManager() {
         runCommandUncounted(IPTABLES " -w -t mangle -F tarn_SLS");
         runCommandUncounted(IPTABLES " -w -t mangle -X tarn_SLS");
     }
-    // pending: the selection UID chains of every interface go first.
     // The per-interface removals take iptablesMutex themselves, so the lock is released
     // first. With the fixed chains already emptied nothing refers to the per-interface chains
-    // any more when they are deleted; their own steps on the fixed chains (the tarn_SLA
-    // flush, the nat delete) fail harmlessly now.
+    // any more when they are deleted; their own steps on the fixed chains (the tarn_SLS
+    // delete, the tarn_SLA flush, the nat delete) fail harmlessly now. Selection chains go
+    // before the mark chains they jump to.
+    (void)cleanup_SLS_iptables_UID_chains();
     (void)cleanup_SLM_iptables_FWMARK_chains();
 }
 
@@ -283,13 +238,16 @@ int IptablesManager::updateInterfaceIptables(const char* ifname, bool add) {
         record = *registered;
     }
 
+    const bool selecting = params->isVoipRunning() || params->isGamingRunning() != 0;
     if (add) {
         (void)create_SLM_FWMARK_chain_for_iface(iface);
         (void)setup_slm_whitelist();
-        // pending: the dual Wi-Fi, SLA and dual data UID whitelists, in this order, and the
-        // interface's selection UID chains while VoIP or gaming runs.
+        (void)setup_double_wlan_uid_whitelist();
+        (void)setup_sla_uid_whitelist();
+        (void)setup_double_data_uid_whitelist();
+        if (selecting) (void)create_SLS_iptables_UID_for_interface(iface);
     } else {
-        // pending: the interface's selection UID chains go first while VoIP or gaming runs.
+        if (selecting) (void)remove_SLS_iptables_UID_for_interface(iface);
         (void)remove_SLM_FWMARK_chain_for_iface(iface);
     }
     return 0;

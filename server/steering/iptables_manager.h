@@ -31,6 +31,23 @@ public:
     int updateInterfaceIptables(const char* ifname, bool add)
         EXCLUDES(interfaceMutex, iptablesMutex);
 
+    // ---- selection chains: the gaming UIDs' traffic goes to the selected link ----
+    // Points tarn_SLS at the interface's selection UID chain. Takes no lock.
+    int set_SLS_interface(const char* ifname);
+    int create_SLS_iptables_UID_for_interface(InterfaceInfo_t* iface) EXCLUDES(iptablesMutex);
+    int remove_SLS_iptables_UID_for_interface(InterfaceInfo_t* iface) EXCLUDES(iptablesMutex);
+    // The two above for every registered interface, under interfaceMutex.
+    int setup_SLS_iptables_UID_chains() EXCLUDES(interfaceMutex, iptablesMutex);
+    int cleanup_SLS_iptables_UID_chains() EXCLUDES(interfaceMutex, iptablesMutex);
+
+    // ---- per-interface UID whitelists: who may use a restricted link ----
+    // Cellular or metered links that are not slaves.
+    int setup_sla_uid_whitelist() EXCLUDES(interfaceMutex);
+    // Slave Wi-Fi links.
+    int setup_double_wlan_uid_whitelist() EXCLUDES(interfaceMutex);
+    // Slave cellular or metered links.
+    int setup_double_data_uid_whitelist() EXCLUDES(interfaceMutex);
+
     // Rewrites tarn_SLA from the ratios of the map. The caller holds interfaceMutex and then
     // slaStatsMutex (the one lock order of the daemon); this takes iptablesMutex.
     int set_SLA_ratio_iptables(SlaInterfaceMap& map) REQUIRES(interfaceMutex, slaStatsMutex)

@@ -134,11 +134,18 @@ TEST_F(IptablesManagerTest, BuildsTheSkeletonAndTearsItDownHooksFirst) {
     EXPECT_EQ(runner_.commands(), kConstruction);
     runner_.clear();
     IptablesManager::clean_SLM_iptables();
-    // The links follow the fixed chains, in name order.
+    // The links follow the fixed chains, in name order: selection chains first, then the
+    // mark chains they jump to.
+    const auto removeSelection = [](const std::string& dev) {
+        const std::string sls = "tarn_sls_" + dev, uid = "tarn_sls_uid_" + dev;
+        return with(kM, {"-D tarn_SLS -j " + uid, "-F " + sls, "-F " + uid, "-X " + sls,
+                         "-X " + uid});
+    };
     EXPECT_EQ(runner_.commands(),
-              concat({kDestruction, removeChains("ccmni0", "0x800000"),
-                      removeChains("rmnet_data0", "0x400000"), removeChains("wlan0", "0x200000"),
-                      removeChains("wlan1", "0x600000")}));
+              concat({kDestruction, removeSelection("ccmni0"), removeSelection("rmnet_data0"),
+                      removeSelection("wlan0"), removeSelection("wlan1"),
+                      removeChains("ccmni0", "0x800000"), removeChains("rmnet_data0", "0x400000"),
+                      removeChains("wlan0", "0x200000"), removeChains("wlan1", "0x600000")}));
 }
 
 TEST_F(IptablesManagerTest, MarkChainsOfACellularAndAWifiLink) {
@@ -169,8 +176,17 @@ TEST_F(IptablesManagerTest, ArrivalBuildsChainsThenTheWhitelistAndUnknownNamesDo
                              w + "-d 10.0.0.1 -j RETURN", uid + "10020 -j tarn_SLM",
                              uid + "10050 -j tarn_SLM",   uid + "10030 -j tarn_SLM",
                              uid + "10040 -j tarn_SLM",   uid + "10050 -j tarn_SLM"};
-    EXPECT_EQ(runner_.commands(), concat({createChains("wlan0", "0x200000", false), whitelist,
-                                          removeChains("wlan0", "0x200000")}));
+    // Then each per-interface whitelist refills the gates it serves: dual Wi-Fi the slave
+    // Wi-Fi, the SLA list the unslaved cellular links; no link is a slave cellular one.
+    const auto gate = [](const std::string& dev, const std::string& uid) {
+        const std::string wrapper = "tarn_fw_" + dev + "_wrapper";
+        return with(kM, {"-F " + wrapper,
+                         "-A " + wrapper + " -m owner --uid-owner " + uid + " -j tarn_fw_" + dev});
+    };
+    EXPECT_EQ(runner_.commands(),
+              concat({createChains("wlan0", "0x200000", false), whitelist, gate("wlan1", "10030"),
+                      gate("ccmni0", "10050"), gate("rmnet_data0", "10050"),
+                      removeChains("wlan0", "0x200000")}));
 }
 
 TEST_F(IptablesManagerTest, RatioRulesGiveEachLinkItsShareOfWhatIsLeft) {
@@ -178,30 +194,45 @@ TEST_F(IptablesManagerTest, RatioRulesGiveEachLinkItsShareOfWhatIsLeft) {
         std::map<std::string, float> ratios;
         int dualWifi;
         Lines rules;
+        Lines logged;  // each probability as computed, before a dual Wi-Fi override
     };
     const Case cases[] = {
         {{{"wlan0", 0.5f}, {"wlan1", 0.5f}},  // the slave Wi-Fi behind its gate
          0,
-         {ratioRule("0.500000", "tarn_fw_wlan0"), ratioRule("1.000000", "tarn_fw_wlan1_wrapper")}},
+         {ratioRule("0.500000", "tarn_fw_wlan0"), ratioRule("1.000000", "tarn_fw_wlan1_wrapper")},
+         {"0.500000", "1.000000"}},
         {{{"rmnet_data0", 0.3f}, {"wlan0", 0.7f}},  // metered links last, whatever their names
          0,
          {ratioRule("0.700000", "tarn_fw_wlan0"),
-          ratioRule("1.000000", "tarn_fw_rmnet_data0_wrapper")}},
+          ratioRule("1.000000", "tarn_fw_rmnet_data0_wrapper")},
+         {"0.700000", "1.000000"}},
         {{{"wlan0", 0.4f}, {"ccmni0", 0.3f}, {"rmnet_data0", 0.2f}},  // metered: given += ratio
          0,
          {ratioRule("0.400000", "tarn_fw_wlan0"), ratioRule("0.500000", "tarn_fw_ccmni0_wrapper"),
-          ratioRule("0.666667", "tarn_fw_rmnet_data0_wrapper")}},
+          ratioRule("0.666667", "tarn_fw_rmnet_data0_wrapper")},
+         {"0.400000", "0.500000", "0.666667"}},
         {{{"wlan0", 0.5f}, {"wlan1", 0.3f}, {"rmnet_data0", 0.2f}},  // all to the selected Wi-Fi
          1,
          {ratioRule("1.000000", "tarn_fw_wlan0"), ratioRule("0.000000", "tarn_fw_wlan1_wrapper"),
-          ratioRule("0.000000", "tarn_fw_rmnet_data0_wrapper")}},
+          ratioRule("0.000000", "tarn_fw_rmnet_data0_wrapper")},
+         {"0.500000", "1.000000", "0.000000"}},
+        {{{"wlan0", 0.5f}, {"wlan1", 0.3f}, {"rmnet_data0", 0.2f}},  // all to the slave
+         2,
+         {ratioRule("0.000000", "tarn_fw_wlan0"), ratioRule("1.000000", "tarn_fw_wlan1_wrapper"),
+          ratioRule("0.000000", "tarn_fw_rmnet_data0_wrapper")},
+         {"0.500000", "0.300000", "0.000000"}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.rules.front());
         runner_.clear();
+        log_.clear();
         params()->setDoubleWifiSelectStatus(c.dualWifi);
         EXPECT_EQ(setRatios(c.ratios), 0);
         EXPECT_EQ(runner_.commands(), concat({{kM + "-F tarn_SLA"}, c.rules}));
+        Lines logged;  // without the runner's echo of each command
+        for (const std::string& text : log_.texts("SLM-Vekt-iptablesManager"))
+            if (text.rfind("SEND SLA NDC COMMAND", 0) != 0) logged.push_back(text);
+        EXPECT_EQ(logged, with("Updated Ratio: ", c.logged));
     }
     EXPECT_EQ(runner_.unlocked, 0);
 }
