@@ -1,0 +1,90 @@
+#!/bin/bash
+# Runs each libFuzzer target for SECONDS seconds on a copy of its seed corpus and prints one
+# line per target. Exits non-zero when a target found something, and names the input that
+# reproduces it. The repository's corpus never grows: new inputs stay in the temp copy.
+#
+#   fuzz/run_fuzzers.sh SECONDS [BUILD_DIR]     (BUILD_DIR defaults to build-fuzz)
+#
+# The targets come from a clang build configured with -DVEKT_FUZZ=ON (best with
+# -DVEKT_SANITIZE=ON); without them the run is skipped, not failed.
+set -u
+
+here="$(cd "$(dirname "$0")" && pwd)"
+seconds="${1:-}"
+build="${2:-$here/../build-fuzz}"
+
+if [[ ! "$seconds" =~ ^[1-9][0-9]*$ ]]; then
+    echo "usage: $0 SECONDS [BUILD_DIR]" >&2
+    exit 2
+fi
+
+targets=(control_record settings stats_ring)
+
+# Longest input per target: one control record, a settings file, one statistics file.
+max_len() {
+    case "$1" in
+        control_record) echo 1032 ;;
+        stats_ring) echo 20480 ;;
+        *) echo 8192 ;;
+    esac
+}
+
+built=0
+for name in "${targets[@]}"; do
+    [[ -x "$build/bin/fuzz_$name" ]] && built=$((built + 1))
+done
+if ((built == 0)); then
+    echo "fuzz: skipped, no fuzz binaries in $build/bin" \
+         "(configure with CXX=clang++ -DVEKT_FUZZ=ON -DVEKT_SANITIZE=ON)"
+    exit 0
+fi
+
+work="$(mktemp -d "${TMPDIR:-/tmp}/vekt-fuzz-XXXXXX")"
+findings=0
+
+# Runs one target; prints its line and returns 1 on a finding.
+run_target() {
+    local name="$1" binary="$build/bin/fuzz_$1"
+    if [[ ! -x "$binary" ]]; then
+        echo "fuzz $name: skipped, $binary not built"
+        return 0
+    fi
+    local corpus="$work/$name/corpus" artifacts="$work/$name/artifacts" log="$work/$name/log"
+    mkdir -p "$corpus" "$artifacts"
+    cp -r "$here/corpus/$name/." "$corpus/"
+
+    local start=$SECONDS status=0
+    # -timeout catches a walk that never ends; a hang is a finding like a crash. The
+    # targets' temporary device roots go below the work folder, so a crashed run leaves
+    # nothing behind in /tmp.
+    TMPDIR="$work/$name" "$binary" -max_total_time="$seconds" -max_len="$(max_len "$name")" \
+        -timeout=10 -print_final_stats=1 -artifact_prefix="$artifacts/" "$corpus" \
+        >"$log" 2>&1 || status=$?
+    local elapsed=$((SECONDS - start))
+
+    local runs
+    runs="$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -n 1)"
+    local found
+    found="$(find "$artifacts" -type f | head -n 1)"
+    if ((status != 0)) || [[ -n "$found" ]]; then
+        echo "fuzz $name: FINDING after ${runs:-?} executions in $elapsed s (exit $status)"
+        echo "  what:  $(grep -m 1 -E '^SUMMARY|==ERROR|ERROR: libFuzzer' "$log")"
+        echo "  input: ${found:-none written}"
+        echo "  log:   $log"
+        echo "  replay: $build/bin/fuzz_$name ${found:-<input>}"
+        return 1
+    fi
+    echo "fuzz $name: ${runs:-?} executions in $elapsed s, no finding"
+    return 0
+}
+
+for name in "${targets[@]}"; do
+    run_target "$name" || findings=$((findings + 1))
+done
+
+if ((findings > 0)); then
+    echo "fuzz: $findings target(s) found something; inputs and logs kept in $work"
+    exit 1
+fi
+rm -rf "$work"
+exit 0
