@@ -9,8 +9,7 @@
 #include "aggregation/sla_stats_impl.h"
 #include "control/control_socket.h"
 #include "steering/iptables_manager.h"
-#include "support/parameters_fixture.h"
-#include "support/recording_runner.h"
+#include "support/handler_fixture.h"
 
 namespace vekt::test {
 namespace {
@@ -20,28 +19,8 @@ using Strings = std::vector<std::string>;
 const std::string kIptables = "/system/bin/iptables-wrapper-1.0 -w -t mangle ";
 const std::string kFlush = kIptables + "-F tarn_SLM_wapper";
 
-class CommandHandlersTest : public ParametersTest {
+class CommandHandlersTest : public HandlerTest {
 protected:
-    void SetUp() override {
-        resetHandlerStateForTest();
-        gParams = params();
-        IptablesManager::instance();
-        runner_.clear();
-    }
-
-    void TearDown() override {
-        gParams = nullptr;
-        IptablesManager::clean_SLM_iptables();
-        SlaStatsImpl::finalize();
-        resetHandlerStateForTest();
-    }
-
-    void send(int32_t id, const std::string& text) {
-        msg_t msg = {id, static_cast<int32_t>(text.size()), {}};
-        memcpy(msg.message, text.data(), std::min(text.size(), sizeof(msg.message)));
-        handleMessage(msg);
-    }
-
     // The interfaces logged as removed or added since the last call, in order.
     Strings diffed() {
         Strings lines;
@@ -51,7 +30,6 @@ protected:
         return lines;
     }
 
-    ScopedRecordingRunner runner_;
 };
 
 TEST_F(CommandHandlersTest, InterfaceListsAreDiffedWithRemovalsFirst) {

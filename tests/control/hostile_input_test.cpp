@@ -12,13 +12,8 @@
 #include <future>
 #include <regex>
 
-#include "aggregation/sla_stats_impl.h"
 #include "base/clock.h"
-#include "control/command_handlers.h"
-#include "control/control_socket.h"
-#include "steering/iptables_manager.h"
-#include "support/parameters_fixture.h"
-#include "support/recording_runner.h"
+#include "support/handler_fixture.h"
 
 namespace vekt::test {
 namespace {
@@ -34,27 +29,8 @@ bool exists(const std::string& path) {
     return lstat(path.c_str(), &info) == 0;
 }
 
-class HostileInputTest : public ParametersTest {
+class HostileInputTest : public HandlerTest {
 protected:
-    void SetUp() override {
-        resetHandlerStateForTest();
-        gParams = params();
-        IptablesManager::instance();
-        runner_.clear();
-    }
-    void TearDown() override {
-        gParams = nullptr;
-        IptablesManager::clean_SLM_iptables();
-        SlaStatsImpl::finalize();
-        resetHandlerStateForTest();
-    }
-
-    void send(int32_t id, const std::string& text) {
-        msg_t msg = {id, static_cast<int32_t>(text.size()), {}};
-        memcpy(msg.message, text.data(), std::min(text.size(), sizeof(msg.message) - 1));
-        handleMessage(msg);
-    }
-
     // Every argument of every command run so far, one by one.
     Strings arguments() const {
         Strings all;
@@ -78,7 +54,6 @@ protected:
         return names;
     }
 
-    ScopedRecordingRunner runner_;
     NoSleep noSleep_;
     ScopedSeamOverride<Sleeper> sleepScope_{sleeperSeam(), noSleep_};
 };
