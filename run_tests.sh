@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds Vekt three times and runs the whole suite in each: g++ plain; clang with
-# AddressSanitizer + UndefinedBehaviorSanitizer; clang with ThreadSanitizer. Installs what
+# AddressSanitizer + UndefinedBehaviorSanitizer; clang with ThreadSanitizer. Then builds the
+# libFuzzer targets and runs each for VEKT_FUZZ_SECONDS (default 20) seconds. Installs what
 # is missing when run as root, and prints the time each stage took.
 set -euo pipefail
 cd "$(dirname "$0")"
@@ -53,5 +54,11 @@ build build-tsan clang++ -DVEKT_TSAN=ON -DVEKT_BUILD_BENCH=OFF
 stage "tests (clang, ThreadSanitizer)"
 TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$PWD/tests/tsan.supp" \
     ctest --test-dir build-tsan --output-on-failure -j "$jobs"
+stage "build (clang, libFuzzer + ASan + UBSan)"
+CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEKT_FUZZ=ON \
+    -DVEKT_SANITIZE=ON -DVEKT_BUILD_BENCH=OFF >/dev/null
+cmake --build build-fuzz -j "$jobs" --target fuzzers
+stage "fuzz (${VEKT_FUZZ_SECONDS:-20} s per target)"
+ASAN_OPTIONS=quarantine_size_mb=8 fuzz/run_fuzzers.sh "${VEKT_FUZZ_SECONDS:-20}" build-fuzz
 stage ""
 echo "== all stages passed in $SECONDS s"

@@ -18,7 +18,12 @@ if [[ ! "$seconds" =~ ^[1-9][0-9]*$ ]]; then
     exit 2
 fi
 
-targets=(control_record settings stats_ring)
+# Every libFuzzer binary of the build (the corpus replays are plain tests, not fuzzers).
+targets=()
+for binary in "$build"/bin/fuzz_*; do
+    name="${binary##*/fuzz_}"
+    [[ -x "$binary" && "$name" != replay_* ]] && targets+=("$name")
+done
 
 # Longest input per target: one control record, a settings file, one statistics file.
 max_len() {
@@ -29,11 +34,7 @@ max_len() {
     esac
 }
 
-built=0
-for name in "${targets[@]}"; do
-    [[ -x "$build/bin/fuzz_$name" ]] && built=$((built + 1))
-done
-if ((built == 0)); then
+if ((${#targets[@]} == 0)); then
     echo "fuzz: skipped, no fuzz binaries in $build/bin" \
          "(configure with CXX=clang++ -DVEKT_FUZZ=ON -DVEKT_SANITIZE=ON)"
     exit 0
