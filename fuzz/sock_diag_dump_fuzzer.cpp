@@ -45,8 +45,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (info == nullptr && length != 0) abort();
         if (info != nullptr) touch(info, length);
     };
-    const DumpWalk tcpInfoPass = walkNetlinkDump(
-        bytes.get(), size, [&](nlmsghdr* nlh) { reportTcpInfo(nlh, reader); });
+    const DumpWalk tcpInfoPass =
+        walkNetlinkDump(bytes.get(), size, [&](nlmsghdr* nlh) { reportTcpInfo(nlh, reader); });
 
     const DumpWalk destroyPass = walkNetlinkDump(bytes.get(), size, [](nlmsghdr* nlh) {
         touch(nlh, nlh->nlmsg_len);
