@@ -8,6 +8,7 @@
 #include "base/clock.h"
 #include "config/parameters.h"
 #include "control/control_socket.h"
+#include "netlink/kill_sockets.h"
 #include "steering/iptables_manager.h"
 
 namespace vekt {
@@ -29,7 +30,10 @@ void shutdownDaemon(SlaStatsImpl* stats) {
     stopSocketThreads();
     ALOGE("Slm disabled, starting cleanup...\n");
     stats->enableSLA(false);
-    // pending: destroy the sockets of every gaming UID, then clean up link selection.
+    // The games reconnect over the default route once the steering rules are gone.
+    const auto gamingUids = Parameters::instance()->m_gamingUidList.snapshot();
+    for (const std::string& uid : *gamingUids) killSocketsForUID(uid.c_str());
+    // pending: clean up link selection.
     IptablesManager::clean_SLM_iptables();
     SlaStatsImpl::finalize();
     ALOGI("Vekt exiting");

@@ -70,12 +70,20 @@ TEST_F(DaemonLifecycleTest, RunsItsLoopUntilThePropertyReadsTwoThenIdles) {
     EXPECT_TRUE(vekt_.running());
 
     ASSERT_TRUE(connectServedClient()) << readWholeFile(log());
+    ASSERT_TRUE(client_.send(9, "10123,10124"));  // gaming UIDs, whose sockets the stop resets
+    ASSERT_TRUE(waitForText(log(), "SLS GAMING Demo UID = 10124", 3000)) << readWholeFile(log());
     root_.setProperty("vendor.sla.enabled", "2");
     ASSERT_TRUE(waitForText(log(), "Vekt exiting", 3000)) << readWholeFile(log());
     EXPECT_EQ(countLines(log(), "E SLM-Vekt-daemon: Slm disabled, starting cleanup..."), 1u);
     std::string text = readWholeFile(log());  // the socket thread ends before the cleanup
     EXPECT_LT(text.find("I SLM-Vekt-VektSocket-Server: socket Thread exit"),
               text.find("Slm disabled, starting cleanup..."));
+    // Each gaming UID's sockets are destroyed, in list order, before the rules go.
+    const size_t first = text.find("SLA_GAMING destroying UDP sockets: 10123");
+    const size_t second = text.find("SLA_GAMING destroying UDP sockets: 10124");
+    EXPECT_LT(text.find("Slm disabled, starting cleanup..."), first);
+    EXPECT_LT(first, second);
+    EXPECT_LT(second, text.find("Vekt exiting"));
     // Setting the property back changes nothing: the process idles and stays alive.
     root_.setProperty("vendor.sla.enabled", "1");
     usleep(300 * 1000);
