@@ -37,7 +37,10 @@ if [ "$(id -u)" -eq 0 ] && unshare --net true 2>/dev/null; then
 elif unshare --user --map-root-user --net true 2>/dev/null; then
     netns=(unshare --user --map-root-user --net)
 else
-    echo "(no private network namespace available: the daemon runs in this one)"
+    # The daemon destroys sockets at its stop; outside a namespace of its own it would
+    # destroy this machine's.
+    echo "demo: needs a private network namespace (run as root, or enable user namespaces)" >&2
+    exit 1
 fi
 
 vektctl=(build/bin/vektctl --root "$root")
