@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -20,6 +21,8 @@ bool ChildProcess::start(const std::vector<std::string>& argv, const std::string
     pid_ = fork();
     if (pid_ < 0) return false;
     if (pid_ == 0) {
+        // A test that is killed must not leave its daemon running (and holding a namespace).
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
         int out = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
         if (out < 0) _exit(126);
         dup2(out, STDOUT_FILENO);

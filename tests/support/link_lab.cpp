@@ -10,6 +10,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -119,6 +120,7 @@ pid_t NetNamespace::forkInside(const std::function<int()>& body) const {
     if (!ok()) return -1;
     pid_t pid = fork();
     if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlive a killed test
         if (setns(fd_.get(), CLONE_NEWNET) != 0) _exit(125);
         _exit(body());
     }
