@@ -14,6 +14,8 @@ std::string binPath(const std::string& name);  // build/bin/<name>
 class ChildProcess {
 public:
     ChildProcess() = default;
+    // Takes charge of a child forked elsewhere: it is killed and reaped like one started here.
+    explicit ChildProcess(pid_t adopted) : pid_(adopted) {}
     ~ChildProcess() { kill(); }
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;

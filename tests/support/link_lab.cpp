@@ -66,7 +66,7 @@ std::string captureInside(const NetNamespace& ns, const std::function<int()>& bo
     int out[2];
     if (pipe2(out, O_CLOEXEC) != 0) return "";
     unique_fd readEnd(out[0]);
-    ForkedChild child(ns.forkInside([&] {
+    ChildProcess child(ns.forkInside([&] {
         dup2(out[1], STDOUT_FILENO);
         dup2(out[1], STDERR_FILENO);
         return body();
@@ -81,26 +81,6 @@ std::string captureInside(const NetNamespace& ns, const std::function<int()>& bo
 std::string linkSubnet(size_t index) { return "10.77." + std::to_string(index + 1) + "."; }
 
 }  // namespace
-
-int ForkedChild::wait(int timeoutMs) {
-    for (int waited = 0; pid_ > 0; waited += 5) {
-        int status = 0;
-        if (waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = -1;
-            return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        }
-        if (waited >= timeoutMs) return -1;
-        usleep(5000);
-    }
-    return -1;
-}
-
-void ForkedChild::kill() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-}
 
 NetNamespace::NetNamespace() {
     // A thread of its own makes the namespace and leaves with it: the network namespace
@@ -324,7 +304,7 @@ std::vector<std::string> connectManyAs(const NetNamespace& ns, uid_t uid,
     }
     unique_fd readEnd(out[0]);
     // The child reports "OK ANSWER" or "FAIL STEP ERRNO" per connection, one line each.
-    ForkedChild child(ns.forkInside([&] {
+    ChildProcess child(ns.forkInside([&] {
         if (setgroups(0, nullptr) != 0 || setresgid(uid, uid, uid) != 0 ||
             setresuid(uid, uid, uid) != 0) {
             return 126;

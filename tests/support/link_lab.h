@@ -15,24 +15,9 @@
 #include <thread>
 #include <vector>
 
+#include "support/daemon_process.h"
+
 namespace vekt::test {
-
-// A child this test forked: killed (SIGKILL, by its pid) and reaped on every path.
-class ForkedChild {
-  public:
-    explicit ForkedChild(pid_t pid = -1) : pid_(pid) {}
-    ~ForkedChild() { kill(); }
-    ForkedChild(const ForkedChild&) = delete;
-    ForkedChild& operator=(const ForkedChild&) = delete;
-
-    pid_t pid() const { return pid_; }
-    // Exit status (128 + signal for a killed child), or -1 when it did not end in time.
-    int wait(int timeoutMs);
-    void kill();
-
-  private:
-    pid_t pid_;
-};
 
 // A private network namespace with its loopback up. Only a descriptor of this process holds
 // it (and any process still running inside): it has no name under /run/netns, so nothing of
