@@ -41,8 +41,6 @@ inline struct timeval wallTime() { return wallClockSeam().get().wallTime(); }
 inline int64_t monotonicNs() { return monotonicClockSeam().get().monotonicNs(); }
 inline int64_t monotonicMs() { return monotonicNs() / 1000000; }
 inline void sleepMs(int64_t ms) { sleeperSeam().get().sleepMs(ms); }
-// Whether a test replaced the sleep (workers then sleep through it, not on their own).
-inline bool sleeperReplaced() { return &sleeperSeam().get() != &sleeperSeam().real(); }
 
 // Milliseconds of a wall time, seconds × 1000 + microseconds / 1000.
 inline uint64_t toMs(const struct timeval& time) {

@@ -4,7 +4,6 @@
 
 #include <chrono>
 
-#include "base/clock.h"
 
 namespace vekt {
 
@@ -58,10 +57,6 @@ void Worker::wake() {
 }
 
 bool Worker::waitFor(int64_t ms) {
-    if (sleeperReplaced()) {
-        sleepMs(ms);
-        return !stopRequested();
-    }
     std::unique_lock<std::mutex> lock(mutex_);
     const uint64_t wakeupsBefore = wakeups_;
     changed_.wait_for(lock, std::chrono::milliseconds(ms > 0 ? ms : 0),

@@ -36,7 +36,8 @@ public:
     // Ends the current or next waitFor() early, without stopping.
     void wake();
     // Waits ms milliseconds or until woken or stopped; false when a stop was asked for.
-    // Under a test sleeper (see base/clock.h) the wait goes through that sleeper instead.
+    // The wait is always a real one, whatever sleep a test installed (base/clock.h): a test
+    // hurries a worker along with wake(), and a no-op sleep never turns it into a spin.
     bool waitFor(int64_t ms);
 
     // A paused worker waits in waitWhilePaused() until resumed or stopped.

@@ -52,23 +52,6 @@ TEST(WorkerTest, APausedWorkerWaitsUntilResumedOrStopped) {
     EXPECT_FALSE(worker.started());
 }
 
-// A sleep that returns at once, counting what it was asked for.
-struct CountingSleeper : Sleeper {
-    void sleepMs(int64_t ms) override { asked += ms; }
-    std::atomic<int64_t> asked{0};
-};
-
-TEST(WorkerTest, UnderATestSleeperWaitsGoThroughIt) {
-    CountingSleeper sleeper;
-    ScopedSeamOverride<Sleeper> scope(sleeperSeam(), sleeper);
-    Worker worker("vekt-test");
-    worker.start([](Worker& self) {
-        for (int i = 0; i < 3; ++i) self.waitFor(1000);
-    });
-    worker.stop();
-    EXPECT_EQ(sleeper.asked.load(), 3000);
-}
-
 // Hands out one end of a socketpair where the code asks for a kernel socket.
 struct PairFactory : SocketFactory {
     android::base::unique_fd open(int, int, int) override { return std::move(end); }
