@@ -19,8 +19,10 @@
 #include "control/command_handlers.h"
 #include "control/control_socket.h"
 #include "control/msg.h"
+#include "selection/smart_link_selection.h"
 #include "steering/iptables_manager.h"
 #include "support/netns.h"
+#include "support/no_socket_destruction.h"
 #include "support/recording_runner.h"
 #include "support/temp_root.h"
 #include "vekt_host/log_capture.h"
@@ -70,6 +72,8 @@ struct Harness {
     // file behind: drop those and start over from a fresh handler state.
     void reset() {
         updateInterfaces("");
+        // Probe threads and trackers the gaming handlers started go with the selection.
+        SmartLinkSelection::finalize();
         resetHandlerStateForTest();
         std::error_code ignored;
         fs::remove_all(root.path("/proc/sla"), ignored);
@@ -84,6 +88,8 @@ struct Harness {
     vekt::ScopedCommandRunner scopedRunner{runner};
     NoSleep noSleep;
     vekt::ScopedSeamOverride<vekt::Sleeper> scopedSleep{vekt::sleeperSeam(), noSleep};
+    // Belt and braces to the namespace: no netlink socket, so no socket is ever destroyed.
+    vekt::test::ScopedNoSocketDestruction noSocketDestruction;
     size_t inputs = 0;
 };
 

@@ -3,8 +3,8 @@
 // take theirs, and settings and lists are replaced as whole snapshots (see
 // base/shared_value.h), so the main loop and the workers read them safely meanwhile.
 //
-// Calls into link selection, the selection rules and the monitors are not wired yet; the
-// lines marked "pending:" name them at the place where they belong, in order.
+// Calls into the monitors are not wired yet; the lines marked "pending:" name them at the
+// place where they belong, in order.
 #define LOG_TAG "SLM-Vekt-VektSocket-Server"
 
 #include "control/command_handlers.h"
@@ -22,6 +22,7 @@
 #include "base/text.h"
 #include "config/input_validation.h"
 #include "control/control_socket.h"
+#include "selection/smart_link_selection.h"
 #include "steering/iptables_manager.h"
 
 std::vector<std::string> gCurInterfaceList;
@@ -64,6 +65,26 @@ void adoptGamingUids(Parameters* params, const char* uids) {
     params->setGamingUids(uids);
     params->populateGamingUids();
     params->setGamingConnectStatus(true);
+}
+
+// Probe threads for every registered interface, idle until all exist, then measuring.
+// fastChoose first rates cellular above Wi-Fi, so that a choice is made before the first
+// Wi-Fi measurement.
+void startProbing(bool fastChoose = false) {
+    SmartLinkSelection* selection = SmartLinkSelection::instance();
+    selection->initPingThreads();
+    if (fastChoose) selection->setNetworkLevel();
+    selection->threadStop();
+    selection->createRttThreads();
+    selection->threadResume();
+}
+
+// Every probe thread joined and every tracker released.
+void stopProbing() {
+    SmartLinkSelection* selection = SmartLinkSelection::instance();
+    selection->threadStop();
+    selection->threadDestory();
+    selection->destoryPingThreads();
 }
 
 // The gaming UIDs enter the steering tree, and each interface gets their selection chains.
@@ -220,7 +241,9 @@ int addInterfaces(const char* name) {
     params->UpdateInterface(name, true);
     SlaStatsImpl::instance()->updateSlaInterfacemap(name, true);
     IptablesManager::instance()->updateInterfaceIptables(name, true);
-    // pending: link selection picks the interface up while it runs.
+    if (SmartLinkSelection::isInstance()) {
+        SmartLinkSelection::instance()->updateSlsInterfacemap(name, true);
+    }
     return 0;
 }
 
@@ -231,7 +254,9 @@ int removeInterfaces(const char* name) {
     IptablesManager::instance()->updateInterfaceIptables(name, false);
     params->UpdateInterface(name, false);
     SlaStatsImpl::instance()->updateSlaInterfacemap(name, false);
-    // pending: link selection drops the interface while it runs.
+    if (SmartLinkSelection::isInstance()) {
+        SmartLinkSelection::instance()->updateSlsInterfacemap(name, false);
+    }
     return 0;
 }
 
@@ -281,7 +306,8 @@ void StartSlsServer(const char* text) {
     if (params == nullptr || params->isGamingRunning() != 0) return;
     adoptGamingUids(params, text);
     steerGamingUids();
-    // pending: start probing, RSSI monitor, socket monitor polling.
+    startProbing();
+    // pending: RSSI monitor, socket monitor polling.
     params->setGamingRunning(1);
 }
 
@@ -291,7 +317,7 @@ void StopSlsServer() {
     // pending: finalize the socket monitor.
     params->setServiceHighRtt(false);
     params->setGamingUids(nullptr);
-    // pending: stop probing.
+    stopProbing();
     IptablesManager::instance()->cleanup_SLS_iptables_UID_chains();
     params->setGamingRunning(0);
     // pending: finalize the RSSI monitor.
@@ -308,7 +334,8 @@ void setVoipStatus(const char* text) {
         SlaStatsImpl::instance()->enableSlaVoipState(
             true, joinList(params->m_gamingUidList.get()).c_str());
         steerGamingUids();
-        // pending: start probing, RSSI monitor.
+        startProbing();
+        // pending: RSSI monitor.
         params->setVoipRunning(true);
     } else if (!on && params->isVoipRunning()) {
         SlaStatsImpl::instance()->enableSlaVoipState(false,
@@ -317,7 +344,7 @@ void setVoipStatus(const char* text) {
         params->setServiceHighRtt(false);
         params->setGamingUids(nullptr);
         params->setGamingConnectStatus(false);
-        // pending: stop probing.
+        stopProbing();
         IptablesManager::instance()->cleanup_SLS_iptables_UID_chains();
         // pending: finalize the RSSI monitor.
     }
@@ -330,7 +357,9 @@ void updateSlsInterfacesRtt(const char* text) {
     // Compared unsigned on purpose: a negative report counts as high.
     if (static_cast<uint32_t>(rtt) > static_cast<uint32_t>(params->m_rttExitThreshold.load()) &&
         !params->isServiceHighRtt()) {
-        // pending: resume the probe threads and create the missing ones.
+        SmartLinkSelection* selection = SmartLinkSelection::instance();
+        selection->threadResume();
+        selection->createRttThreads();
         params->setServiceHighRtt(true);
     }
     ALOGI("update Sls Interfaces Rtt is %s ", text);
@@ -352,7 +381,8 @@ void setGameAiModeEnable(const char* text) {
         // pending: RSSI monitor, socket monitor polling. Probing waits for id 14 or 15.
     } else if (!on && params->isGamingRunning() == 2) {
         ALOGI("setGameAiModeEnable disable");
-        // pending: finalize the socket monitor; stop probing if RTT checking is on.
+        // pending: finalize the socket monitor.
+        if (params->isGamingAiModeCheckRtt()) stopProbing();
         params->setGamingAiModeCheckRtt(false);
         params->setGamingUids(nullptr);
         params->m_nHyst = 1;
@@ -367,17 +397,18 @@ namespace {
 
 // Ids 14 and 15 share the AI-mode checking flag, so one of them enabling while the other
 // already did changes nothing.
-void setAiModeChecking(const char* text, const char* enableLog, const char* disableLog) {
+void setAiModeChecking(const char* text, const char* enableLog, const char* disableLog,
+                       bool fastChoose) {
     Parameters* params = gParams;
     if (params == nullptr || params->isGamingRunning() != 2) return;
     int value = atoi(text);
     if (value == 1 && !params->isGamingAiModeCheckRtt()) {
         __android_log_write(ANDROID_LOG_INFO, LOG_TAG, enableLog);
-        // pending: start probing (fast choose also resets the network levels).
+        startProbing(fastChoose);
         params->setGamingAiModeCheckRtt(true);
     } else if (value == 0 && params->isGamingAiModeCheckRtt()) {
         __android_log_write(ANDROID_LOG_INFO, LOG_TAG, disableLog);
-        // pending: stop probing.
+        stopProbing();
         params->setGamingAiModeCheckRtt(false);
     }
 }
@@ -385,9 +416,11 @@ void setAiModeChecking(const char* text, const char* enableLog, const char* disa
 }  // namespace
 
 void setGameAiModeCheckRtt(const char* text) {
-    setAiModeChecking(text, "setGameAiModeCheckRtt enable", "setGameAiModeCheckRtt disable");
+    setAiModeChecking(text, "setGameAiModeCheckRtt enable", "setGameAiModeCheckRtt disable",
+                      false);
 }
 
 void setGameAiModeFastChoose(const char* text) {
-    setAiModeChecking(text, "setGameAiModeFastChoose enable", "setGameAiModeFastChoose disable");
+    setAiModeChecking(text, "setGameAiModeFastChoose enable", "setGameAiModeFastChoose disable",
+                      true);
 }

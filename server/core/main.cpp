@@ -13,6 +13,7 @@
 #include "base/device_root.h"
 #include "core/daemon_args.h"
 #include "core/main_loop.h"
+#include "selection/smart_link_selection.h"
 #include "steering/iptables_manager.h"
 
 int main(int argc, char** argv) {
@@ -35,7 +36,8 @@ int main(int argc, char** argv) {
     createSocketThreads(params);
     SlaStatsImpl* stats = SlaStatsImpl::instance();
     stats->enableSLA(true);
-    // pending: link selection is initialised here.
+    SmartLinkSelection::Init();
+    SmartLinkSelection::instance();
 
     // The body runs at least once, before the property is first looked at.
     while (vekt::runMainLoopPass(params, stats)) {

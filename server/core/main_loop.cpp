@@ -9,6 +9,7 @@
 #include "config/parameters.h"
 #include "control/control_socket.h"
 #include "netlink/kill_sockets.h"
+#include "selection/smart_link_selection.h"
 #include "steering/iptables_manager.h"
 
 namespace vekt {
@@ -20,7 +21,7 @@ constexpr int32_t kStopValue = 2;
 
 bool runMainLoopPass(Parameters* params, SlaStatsImpl* stats) {
     stats->evalAndSetSLAInterfaceRatio();
-    // pending: link selection chooses the best link.
+    SmartLinkSelection::slsChooseInterface();
     sleepMs(params->get(MINI_EST_INTERVAL));
     return params->getSLAVendorProp() != kStopValue;
 }
@@ -33,7 +34,7 @@ void shutdownDaemon(SlaStatsImpl* stats) {
     // The games reconnect over the default route once the steering rules are gone.
     const auto gamingUids = Parameters::instance()->m_gamingUidList.snapshot();
     for (const std::string& uid : *gamingUids) killSocketsForUID(uid.c_str());
-    // pending: clean up link selection.
+    SmartLinkSelection::cleanup();
     IptablesManager::clean_SLM_iptables();
     SlaStatsImpl::finalize();
     ALOGI("Vekt exiting");

@@ -14,6 +14,8 @@
 #include "control/control_socket.h"
 #include "core/main_loop.h"
 #include "steering/iptables_manager.h"
+#include "selection/smart_link_selection.h"
+#include "support/no_socket_destruction.h"
 #include "support/parameters_fixture.h"
 #include "support/recording_runner.h"
 
@@ -34,12 +36,14 @@ class ConcurrencyStressTest : public ParametersTest {
 protected:
     void TearDown() override {
         gParams = nullptr;
+        SmartLinkSelection::finalize();
         IptablesManager::clean_SLM_iptables();
         SlaStatsImpl::finalize();
         resetHandlerStateForTest();
     }
 
     ScopedRecordingRunner runner_;
+    ScopedNoSocketDestruction noSocketDestruction_;
     NoSleep noSleep_;
     ScopedSeamOverride<Sleeper> sleepScope_{sleeperSeam(), noSleep_};
 };

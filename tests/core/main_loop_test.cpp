@@ -5,6 +5,8 @@
 #include "aggregation/sla_stats_impl.h"
 #include "base/clock.h"
 #include "steering/iptables_manager.h"
+#include "selection/smart_link_selection.h"
+#include "support/no_socket_destruction.h"
 #include "support/parameters_fixture.h"
 #include "support/recording_runner.h"
 
@@ -19,10 +21,12 @@ struct RecordingSleeper : Sleeper {
 class MainLoopTest : public ParametersTest {
 protected:
     void TearDown() override {
+        SmartLinkSelection::finalize();
         IptablesManager::clean_SLM_iptables();
         SlaStatsImpl::finalize();
     }
     ScopedRecordingRunner runner_;
+    ScopedNoSocketDestruction noSocketDestruction_;
     RecordingSleeper sleeper_;
     ScopedSeamOverride<Sleeper> sleepScope_{sleeperSeam(), sleeper_};
 };

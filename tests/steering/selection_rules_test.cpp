@@ -7,6 +7,8 @@
 #include "control/command_handlers.h"
 #include "control/control_socket.h"
 #include "steering/iptables_manager.h"
+#include "selection/smart_link_selection.h"
+#include "support/no_socket_destruction.h"
 #include "support/parameters_fixture.h"
 #include "support/recording_runner.h"
 
@@ -30,6 +32,7 @@ class SelectionRulesTest : public ParametersTest {
     }
     void TearDown() override {
         gParams = nullptr;
+        SmartLinkSelection::finalize();
         IptablesManager::clean_SLM_iptables();
         resetHandlerStateForTest();
     }
@@ -46,6 +49,7 @@ class SelectionRulesTest : public ParametersTest {
     }
 
     ScopedRecordingRunner runner_;
+    ScopedNoSocketDestruction noSocketDestruction_;
     IptablesManager* manager_ = nullptr;
 };
 

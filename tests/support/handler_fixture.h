@@ -1,6 +1,6 @@
 // Base fixture for tests that drive the command handlers: Parameters stored for the
-// handlers, the rule manager built, every command recorded instead of run, and the
-// singletons the handlers create torn down after each test.
+// handlers, the rule manager built, every command recorded instead of run, no socket of the
+// machine destroyed, and the singletons the handlers create torn down after each test.
 #pragma once
 
 #include <string.h>
@@ -11,7 +11,9 @@
 #include "aggregation/sla_stats_impl.h"
 #include "control/command_handlers.h"
 #include "control/control_socket.h"
+#include "selection/smart_link_selection.h"
 #include "steering/iptables_manager.h"
+#include "support/no_socket_destruction.h"
 #include "support/parameters_fixture.h"
 #include "support/recording_runner.h"
 
@@ -28,6 +30,7 @@ protected:
 
     void TearDown() override {
         gParams = nullptr;
+        SmartLinkSelection::finalize();
         IptablesManager::clean_SLM_iptables();
         SlaStatsImpl::finalize();
         resetHandlerStateForTest();
@@ -42,6 +45,7 @@ protected:
     }
 
     ScopedRecordingRunner runner_;
+    ScopedNoSocketDestruction noSocketDestruction_;
 };
 
 }  // namespace vekt::test
