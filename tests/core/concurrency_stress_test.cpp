@@ -2,6 +2,7 @@
 // threads read them and the main loop evaluates. Meant for the ThreadSanitizer build, where
 // any unguarded access shows up as a report; elsewhere it checks that nothing deadlocks.
 #include <gtest/gtest.h>
+
 #include <atomic>
 #include <thread>
 
