@@ -23,10 +23,10 @@ if [ ${#missing[@]} -gt 0 ]; then
 fi
 
 jobs=$(nproc)
-stage_start=0
+stage_start=-1
 stage() {  # stage NAME: prints the previous stage's time, then this stage's name
     local now=$SECONDS
-    if [ "$stage_start" != 0 ]; then echo "== took $((now - stage_start)) s"; fi
+    if [ "$stage_start" -ge 0 ]; then echo "== took $((now - stage_start)) s"; fi
     stage_start=$now
     [ -n "${1:-}" ] && echo "== $1"
     return 0
@@ -36,8 +36,6 @@ build() {  # build DIR CXX EXTRA...
     CXX=$cxx cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
     cmake --build "$dir" -j "$jobs"
 }
-stage_start=$SECONDS
-
 stage "build (g++)"
 build build g++
 stage "tests (g++)"
