@@ -139,11 +139,8 @@ int IptablesManager::create_SLM_FWMARK_chain_for_iface(InterfaceInfo_t* iface) {
         status += runCommand(IPTABLES " -w -t nat -A tarn_nat_POSTROUTING_SLM -o %s -j MASQUERADE",
                              iface->name);
     }
-    if (status != 0) {
-        ALOGE("%s Failue when creating FWMARK tables for interface %s ", kFn, iface->name);
-        return -1;
-    }
-    return 0;
+    return vekt::sequenceResult(status, "%s Failue when creating FWMARK tables for interface %s ",
+                                kFn, iface->name);
 }
 
 int IptablesManager::remove_SLM_FWMARK_chain_for_iface(InterfaceInfo_t* iface) {
@@ -171,11 +168,8 @@ int IptablesManager::remove_SLM_FWMARK_chain_for_iface(InterfaceInfo_t* iface) {
         status += runCommand(IPTABLES " -w -t nat -D tarn_nat_POSTROUTING_SLM -o %s -j MASQUERADE",
                              iface->name);
     }
-    if (status != 0) {
-        ALOGE("%s Failure when creating FWMARK tables for interface %s ", kFn, iface->name);
-        return -1;
-    }
-    return 0;
+    return vekt::sequenceResult(status, "%s Failure when creating FWMARK tables for interface %s ",
+                                kFn, iface->name);
 }
 
 int IptablesManager::cleanup_SLM_iptables_FWMARK_chains() {
@@ -307,9 +301,5 @@ int IptablesManager::set_SLA_ratio_iptables(SlaInterfaceMap& map) {
         given += link->ratio;
     }
 
-    if (status != 0) {
-        ALOGE("%s Failure when setting SLA Ratios ", kFn);
-        return -1;
-    }
-    return 0;
+    return vekt::sequenceResult(status, "%s Failure when setting SLA Ratios ", kFn);
 }

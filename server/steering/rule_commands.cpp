@@ -1,5 +1,6 @@
 #include "steering/rule_commands.h"
 
+#include <log/log.h>
 #include <stdarg.h>
 #include <stdio.h>
 
@@ -35,6 +36,17 @@ int runCommand(const char* format, ...) {
     int result = vrunCommand(format, args);
     va_end(args);
     return result;
+}
+
+int sequenceResult(int status, const char* failureFormat, ...) {
+    if (status == 0) return 0;
+    char line[kCommandSize];
+    va_list args;
+    va_start(args, failureFormat);
+    vsnprintf(line, sizeof(line), failureFormat, args);
+    va_end(args);
+    __android_log_write(ANDROID_LOG_ERROR, "SLM-Vekt-iptablesManager", line);
+    return -1;
 }
 
 void runCommandUncounted(const char* format, ...) {

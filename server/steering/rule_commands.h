@@ -35,6 +35,11 @@ inline ChainName selectionUidChain(const char* ifname) {
 // into the operation's status.
 __attribute__((format(printf, 1, 2))) int runCommand(const char* format, ...);
 
+// The end of every counted command sequence: 0 when every command could be started, else
+// the sequence's failure line (failureFormat and its arguments) logged at error and -1.
+__attribute__((format(printf, 2, 3))) int sequenceResult(int status, const char* failureFormat,
+                                                         ...);
+
 // For commands whose failure is harmless by design (creating a chain that may exist,
 // flushing one that is about to go): their result never counts.
 __attribute__((format(printf, 1, 2))) void runCommandUncounted(const char* format, ...);

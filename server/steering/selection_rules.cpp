@@ -90,12 +90,8 @@ int IptablesManager::set_SLS_interface(const char* ifname) {
     const ChainName uidChain = vekt::selectionUidChain(ifname);
     int status = runCommand(IPTABLES "  -w -t mangle -F tarn_SLS");
     status += runCommand(IPTABLES "  -w -t mangle -A tarn_SLS -j %s", uidChain.c_str());
-    if (status != 0) {
-        ALOGE("%s Failue during SLS interface switch  %s %s ", "set_SLS_interface", ifname,
-              uidChain.c_str());
-        return -1;
-    }
-    return 0;
+    return vekt::sequenceResult(status, "%s Failue during SLS interface switch  %s %s ",
+                                "set_SLS_interface", ifname, uidChain.c_str());
 }
 
 int IptablesManager::create_SLS_iptables_UID_for_interface(InterfaceInfo_t* iface) {
@@ -126,11 +122,8 @@ int IptablesManager::create_SLS_iptables_UID_for_interface(InterfaceInfo_t* ifac
                                  uidChain.c_str(), uid.c_str(), selection.c_str());
         }
     }
-    if (status != 0) {
-        ALOGE("%s Failue when creating UID tables for interface %s ", kFn, iface->name);
-        return -1;
-    }
-    return 0;
+    return vekt::sequenceResult(status, "%s Failue when creating UID tables for interface %s ", kFn,
+                                iface->name);
 }
 
 int IptablesManager::remove_SLS_iptables_UID_for_interface(InterfaceInfo_t* iface) {
@@ -150,11 +143,8 @@ int IptablesManager::remove_SLS_iptables_UID_for_interface(InterfaceInfo_t* ifac
         status += runCommand(IPTABLES " -w -t mangle -X %s", selection.c_str());
         status += runCommand(IPTABLES " -w -t mangle -X %s", uidChain.c_str());
     }
-    if (status != 0) {
-        ALOGE("%s Failue when creating UID tables for interface %s ", kFn, iface->name);
-        return -1;
-    }
-    return 0;
+    return vekt::sequenceResult(status, "%s Failue when creating UID tables for interface %s ", kFn,
+                                iface->name);
 }
 
 int IptablesManager::setup_SLS_iptables_UID_chains() {
