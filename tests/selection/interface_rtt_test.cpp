@@ -22,22 +22,6 @@ protected:
     bool logged(const std::string& text) const { return log_.contains(text); }
 };
 
-TEST_F(InterfaceRttTest, NewTrackerCopiesTheProbeSettingsAndStartsUnrated) {
-    params()->m_rttServer.set("0123456789abcdefghijk");
-    params()->m_rttNoResponseTimeoutMs = 800;
-    InterfaceRtt rtt("rmnet_data0_long_name");
-    EXPECT_STREQ(rtt.rttServer, "0123456789abcdefghi");  // 19 characters
-    EXPECT_STREQ(rtt.interfaceName, "rmnet_data0_lo");   // 14 characters
-    EXPECT_EQ(rtt.minGamePingTimes, 2);
-    EXPECT_EQ(rtt.pingIntervalMs, 1000);
-    EXPECT_EQ(rtt.noResponseTimeoutMs, 800);
-    EXPECT_EQ(rtt.thread, InterfaceRtt::kNoThread);
-    EXPECT_FALSE(rtt.running);
-    EXPECT_TRUE(rtt.alive);
-    EXPECT_EQ(rtt.speed, 0);
-    EXPECT_EQ(rtt.networkLevel, 0);
-}
-
 TEST_F(InterfaceRttTest, SpeedWaitsForThreeSamplesAndLagsOneBehind) {
     InterfaceRtt rtt("wlan0");
     log_.clear();  // the settings' own lines

@@ -294,17 +294,6 @@ TEST_F(ProbeThreadTest, StopWakesSleepingThreadsAndJoinsThem) {
     EXPECT_EQ(sls->currentInterface, nullptr);
 }
 
-TEST_F(ProbeThreadTest, FinalizeReturnsPromptlyWithThreadsAsleep) {
-    SmartLinkSelection* sls = start({"wlan0", "rmnet_data0"});
-    sls->initPingThreads();  // replaces the trackers just made, as the control path does
-    sls->createRttThreads();
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    const auto before = std::chrono::steady_clock::now();
-    SmartLinkSelection::finalize();
-    EXPECT_LT(secondsSince(before), 2.0);
-    EXPECT_FALSE(SmartLinkSelection::isInstance());
-}
-
 TEST_F(ProbeThreadTest, RemovalJoinsTheThreadBeforeReleasingTheTracker) {
     SmartLinkSelection* sls = start({"wlan0", "rmnet_data0"});
     sls->createRttThreads();

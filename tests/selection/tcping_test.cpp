@@ -218,20 +218,6 @@ TEST_F(TcpingTest, MissingInterfaceFailsTheBindAndNeverConnects) {
     EXPECT_EQ(info.sockfd, -1);
 }
 
-TEST_F(TcpingTest, SocketThatCannotBeCreatedIsLogged) {
-    struct NoSockets : vekt::SocketFactory {
-        unique_fd open(int, int, int) override {
-            errno = EMFILE;
-            return unique_fd();
-        }
-    } noSockets;
-    vekt::ScopedSeamOverride<vekt::SocketFactory> scope(vekt::socketFactorySeam(), noSockets);
-    tcping_info info = probeTo(443);
-
-    EXPECT_EQ(Tcping::populateTcpingSocket(&info), -1);
-    EXPECT_TRUE(log_.contains("create socket failed of client!"));
-}
-
 TEST_F(TcpingTest, ConnectWithTimeoutRestoresBlockingMode) {
     uint16_t port = 0;
     unique_fd listener = listenOnLoopback(1, &port);
