@@ -22,6 +22,7 @@
 #include "selection/smart_link_selection.h"
 #include "steering/iptables_manager.h"
 #include "support/netns.h"
+#include "support/no_sleep.h"
 #include "support/no_socket_destruction.h"
 #include "support/recording_runner.h"
 #include "support/temp_root.h"
@@ -35,12 +36,6 @@ namespace fs = std::filesystem;
 constexpr const char* kPublished[] = {"wlan0", "wlan1", "rmnet_data0", "rmnet_data1"};
 // Inputs between two resets of the handler state and of the statistics folder.
 constexpr size_t kResetPeriod = 1000;
-
-// A missing statistics file is retried with sleeps; here they cost nothing.
-class NoSleep : public vekt::Sleeper {
-public:
-    void sleepMs(int64_t) override {}
-};
 
 // Everything the handlers touch, set up once for the fuzzing process: a private device
 // root and network namespace, recorded commands (no process is started), no sleeping and
@@ -86,8 +81,7 @@ struct Harness {
     vekt::host::LogCapture log;
     vekt::test::RecordingRunner runner;
     vekt::ScopedCommandRunner scopedRunner{runner};
-    NoSleep noSleep;
-    vekt::ScopedSeamOverride<vekt::Sleeper> scopedSleep{vekt::sleeperSeam(), noSleep};
+    vekt::test::ScopedNoSleep noSleep;
     // Belt and braces to the namespace: no netlink socket, so no socket is ever destroyed.
     vekt::test::ScopedNoSocketDestruction noSocketDestruction;
     size_t inputs = 0;

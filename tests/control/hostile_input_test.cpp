@@ -12,17 +12,13 @@
 #include <future>
 #include <regex>
 
-#include "base/clock.h"
 #include "support/handler_fixture.h"
+#include "support/no_sleep.h"
 
 namespace vekt::test {
 namespace {
 
 using Strings = std::vector<std::string>;
-
-struct NoSleep : Sleeper {
-    void sleepMs(int64_t) override {}
-};
 
 bool exists(const std::string& path) {
     struct stat info;
@@ -54,8 +50,7 @@ protected:
         return names;
     }
 
-    NoSleep noSleep_;
-    ScopedSeamOverride<Sleeper> sleepScope_{sleeperSeam(), noSleep_};
+    ScopedNoSleep noSleep_;
 };
 
 TEST_F(HostileInputTest, InterfaceNamesThatAreNoNamesAreRefusedBeforeTheyBecomePathsOrArguments) {

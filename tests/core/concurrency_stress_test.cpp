@@ -6,21 +6,16 @@
 #include <atomic>
 #include <thread>
 
-#include "base/clock.h"
 #include "core/main_loop.h"
 #include "support/handler_fixture.h"
+#include "support/no_sleep.h"
 
 namespace vekt::test {
 namespace {
 
-struct NoSleep : Sleeper {
-    void sleepMs(int64_t) override {}
-};
-
 class ConcurrencyStressTest : public HandlerTest {
 protected:
-    NoSleep noSleep_;
-    ScopedSeamOverride<Sleeper> sleepScope_{sleeperSeam(), noSleep_};
+    ScopedNoSleep noSleep_;
 };
 
 TEST_F(ConcurrencyStressTest, ControlChangesRaceReadersAndTheMainLoopWithoutHarm) {
