@@ -16,6 +16,10 @@ public:
     ChildProcess() = default;
     // Takes charge of a child forked elsewhere: it is killed and reaped like one started here.
     explicit ChildProcess(pid_t adopted) : pid_(adopted) {}
+    void adopt(pid_t adopted) {
+        kill();
+        pid_ = adopted;
+    }
     ~ChildProcess() { kill(); }
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;

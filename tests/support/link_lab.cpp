@@ -226,7 +226,14 @@ std::map<std::string, LinkCounters> VethLab::counters() const {
     return counters;
 }
 
-bool SourceAddressServer::start(const NetNamespace& ns, uint16_t port) {
+void LabServer::stop() {
+    if (!thread_.joinable()) return;
+    writeAll(stopWrite_.get(), "x");
+    thread_.join();
+}
+
+bool LabServer::listenAndServe(const NetNamespace& ns, const std::string& address,
+                               uint16_t port) {
     listener_ = ns.socketInside(AF_INET, SOCK_STREAM);
     int stop[2];
     if (!listener_.ok() || pipe2(stop, O_CLOEXEC) != 0) return false;
@@ -234,11 +241,11 @@ bool SourceAddressServer::start(const NetNamespace& ns, uint16_t port) {
     stopWrite_.reset(stop[1]);
     int on = 1;
     setsockopt(listener_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    struct sockaddr_in any = {};
-    any.sin_family = AF_INET;
-    any.sin_port = htons(port);
-    any.sin_addr.s_addr = htonl(INADDR_ANY);
-    if (bind(listener_.get(), reinterpret_cast<struct sockaddr*>(&any), sizeof(any)) != 0 ||
+    struct sockaddr_in local = {};
+    local.sin_family = AF_INET;
+    local.sin_port = htons(port);
+    if (inet_pton(AF_INET, address.c_str(), &local.sin_addr) != 1 ||
+        bind(listener_.get(), reinterpret_cast<struct sockaddr*>(&local), sizeof(local)) != 0 ||
         listen(listener_.get(), 64) != 0) {
         return false;
     }
@@ -246,10 +253,17 @@ bool SourceAddressServer::start(const NetNamespace& ns, uint16_t port) {
     return true;
 }
 
-void SourceAddressServer::stop() {
-    if (!thread_.joinable()) return;
-    writeAll(stopWrite_.get(), "x");
-    thread_.join();
+bool LabServer::waitReadable(std::vector<struct pollfd>* fds) {
+    fds->push_back({stopRead_.get(), POLLIN, 0});
+    const int ready = poll(fds->data(), fds->size(), -1);
+    const bool stopping = (ready < 0 && errno != EINTR) || fds->back().revents != 0;
+    fds->pop_back();
+    return !stopping;
+}
+
+bool SourceAddressServer::start(const NetNamespace& ns, uint16_t port, bool holdConnections) {
+    holdConnections_ = holdConnections;
+    return listenAndServe(ns, "0.0.0.0", port);
 }
 
 std::vector<std::string> SourceAddressServer::sources() const {
@@ -258,11 +272,11 @@ std::vector<std::string> SourceAddressServer::sources() const {
 }
 
 void SourceAddressServer::serve() {
+    std::vector<unique_fd> held;
     for (;;) {
-        struct pollfd ready[2] = {{listener_.get(), POLLIN, 0}, {stopRead_.get(), POLLIN, 0}};
-        if (poll(ready, 2, -1) < 0 && errno != EINTR) return;
-        if (ready[1].revents != 0) return;
-        if ((ready[0].revents & POLLIN) == 0) continue;
+        std::vector<struct pollfd> fds = {{listener_.get(), POLLIN, 0}};
+        if (!waitReadable(&fds)) return;
+        if ((fds[0].revents & POLLIN) == 0) continue;
         struct sockaddr_in from = {};
         socklen_t length = sizeof(from);
         unique_fd connection(accept4(listener_.get(), reinterpret_cast<struct sockaddr*>(&from),
@@ -282,6 +296,40 @@ void SourceAddressServer::serve() {
         while (read(connection.get(), &c, 1) == 1 && c != '\n') {
         }
         if (c == '\n') writeAll(connection.get(), std::string(text) + "\n");
+        if (holdConnections_) held.push_back(std::move(connection));
+    }
+}
+
+void ProbeAnswerServer::serve() {
+    struct Client {
+        unique_fd fd;
+        size_t unanswered = 0;  // bytes received towards the next 58-byte request
+    };
+    std::vector<Client> clients;
+    const std::string answer(60, 'a');
+    for (;;) {
+        std::vector<struct pollfd> fds = {{listener_.get(), POLLIN, 0}};
+        for (const Client& client : clients) fds.push_back({client.fd.get(), POLLIN, 0});
+        if (!waitReadable(&fds)) return;
+        for (size_t i = clients.size(); i-- > 0;) {
+            if (fds[i + 1].revents == 0) continue;
+            Client& client = clients[i];
+            char buffer[512];
+            const ssize_t n = recv(client.fd.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
+            if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+            bool open = n > 0;
+            for (client.unanswered += n > 0 ? static_cast<size_t>(n) : 0;
+                 open && client.unanswered >= 58; client.unanswered -= 58) {
+                open = send(client.fd.get(), answer.data(), answer.size(), MSG_NOSIGNAL) ==
+                       static_cast<ssize_t>(answer.size());
+            }
+            if (!open) clients.erase(clients.begin() + static_cast<ptrdiff_t>(i));
+        }
+        if ((fds[0].revents & POLLIN) == 0) continue;
+        unique_fd connection(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (!connection.ok()) continue;
+        connections_.fetch_add(1);
+        clients.push_back({std::move(connection), 0});
     }
 }
 
@@ -363,6 +411,75 @@ std::vector<std::string> connectManyAs(const NetNamespace& ns, uid_t uid,
     }
     if (index < count) *error += std::to_string(count - index) + " connections not reported";
     return answers;
+}
+
+bool HeldConnectionClient::start(const NetNamespace& ns, uid_t uid, const std::string& address,
+                                 uint16_t port, int connections) {
+    struct sockaddr_in server = {};
+    server.sin_family = AF_INET;
+    server.sin_port = htons(port);
+    int out[2];
+    if (inet_pton(AF_INET, address.c_str(), &server.sin_addr) != 1 || pipe2(out, O_CLOEXEC) != 0)
+        return false;
+    events_.reset(out[0]);
+    // Lines "UP ANSWER MS" and "DOWN ERROR MS".
+    child_.adopt(ns.forkInside([&] {
+        if (setgroups(0, nullptr) != 0 || setresgid(uid, uid, uid) != 0 ||
+            setresuid(uid, uid, uid) != 0) {
+            return 126;
+        }
+        for (int made = 0; made < connections;) {
+            unique_fd sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+            struct timeval timeout = {1, 0};  // bounds the connect and the answer only
+            setsockopt(sock.get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
+            setsockopt(sock.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+            std::string answer;
+            char c = 0;
+            if (connect(sock.get(), reinterpret_cast<struct sockaddr*>(&server), sizeof(server)) != 0 ||
+                !writeAll(sock.get(), "which link?\n")) {
+                usleep(50 * 1000);  // the link may be on its way back; try again
+                continue;
+            }
+            while (read(sock.get(), &c, 1) == 1 && c != '\n') answer.push_back(c);
+            if (c != '\n') continue;
+            ++made;
+            writeAll(out[1], "UP " + answer + " " + std::to_string(monotonicMs()) + "\n");
+            // Held from here on: only a broken connection ends the wait.
+            struct timeval forever = {0, 0};
+            setsockopt(sock.get(), SOL_SOCKET, SO_RCVTIMEO, &forever, sizeof(forever));
+            ssize_t n = 0;
+            while ((n = read(sock.get(), &c, 1)) > 0 || (n < 0 && errno == EINTR)) {
+            }
+            const std::string error = n == 0 ? "closed" : strerror(errno);
+            writeAll(out[1], "DOWN " + error + " " + std::to_string(monotonicMs()) + "\n");
+        }
+        return 0;
+    }));
+    close(out[1]);
+    return child_.pid() > 0;
+}
+
+bool HeldConnectionClient::next(Event* event, int timeoutMs) {
+    const int64_t deadline = monotonicMs() + timeoutMs;
+    size_t end = std::string::npos;
+    while ((end = unread_.find('\n')) == std::string::npos) {
+        struct pollfd ready = {events_.get(), POLLIN, 0};
+        const int left = static_cast<int>(deadline - monotonicMs());
+        if (left <= 0 || poll(&ready, 1, left) <= 0) return false;
+        char buffer[256];
+        const ssize_t n = read(events_.get(), buffer, sizeof(buffer));
+        if (n <= 0) return false;
+        unread_.append(buffer, static_cast<size_t>(n));
+    }
+    const std::string line = unread_.substr(0, end);
+    unread_.erase(0, end + 1);
+    const size_t first = line.find(' ');
+    const size_t last = line.rfind(' ');
+    if (first == std::string::npos || last == first) return false;
+    event->up = line.compare(0, first, "UP") == 0;
+    event->text = line.substr(first + 1, last - first - 1);
+    event->atMs = atoll(line.c_str() + last + 1);
+    return true;
 }
 
 }  // namespace vekt::test

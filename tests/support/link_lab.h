@@ -5,9 +5,11 @@
 #pragma once
 
 #include <android-base/unique_fd.h>
+#include <poll.h>
 #include <stdint.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -87,28 +89,91 @@ class VethLab {
     std::vector<std::string> links_;
 };
 
-// A TCP server on 0.0.0.0:port in a namespace. It answers each connection with the address
-// the connection came from and a newline, closes it, and remembers that address.
-class SourceAddressServer {
+// What the lab's servers share: a listening TCP socket inside a namespace, the thread that
+// serves it, and a pipe that tells the thread to end.
+class LabServer {
   public:
-    SourceAddressServer() = default;
-    ~SourceAddressServer() { stop(); }
-    SourceAddressServer(const SourceAddressServer&) = delete;
-    SourceAddressServer& operator=(const SourceAddressServer&) = delete;
+    LabServer() = default;
+    virtual ~LabServer() = default;  // a server's destructor stops it: serve() uses its fields
+    LabServer(const LabServer&) = delete;
+    LabServer& operator=(const LabServer&) = delete;
 
-    bool start(const NetNamespace& ns, uint16_t port);
     void stop();
-    std::vector<std::string> sources() const;
 
-  private:
-    void serve();
+  protected:
+    // Binds address:port inside ns, listens and starts the thread on serve().
+    bool listenAndServe(const NetNamespace& ns, const std::string& address, uint16_t port);
+    virtual void serve() = 0;
+    // Waits on fds (given room for one more) and the stop pipe; false once the thread is
+    // to end.
+    bool waitReadable(std::vector<struct pollfd>* fds);
 
     android::base::unique_fd listener_;
+
+  private:
     android::base::unique_fd stopRead_;
     android::base::unique_fd stopWrite_;
     std::thread thread_;
+};
+
+// A TCP server on 0.0.0.0:port in a namespace. It answers each connection with the address
+// the connection came from and a newline, and remembers that address. It closes each
+// connection after the answer, or, when asked to hold them, keeps them all open until it
+// stops, as a game server keeps its players' connections.
+class SourceAddressServer : public LabServer {
+  public:
+    ~SourceAddressServer() override { stop(); }
+
+    bool start(const NetNamespace& ns, uint16_t port, bool holdConnections = false);
+    std::vector<std::string> sources() const;
+
+  private:
+    void serve() override;
+
+    bool holdConnections_ = false;
     mutable std::mutex mutex_;
     std::vector<std::string> sources_;
+};
+
+// An RTT probe target on address:port in a namespace: it answers every 58 bytes that a
+// client sends with 60, on any number of connections at once, until the client closes.
+class ProbeAnswerServer : public LabServer {
+  public:
+    ~ProbeAnswerServer() override { stop(); }
+
+    bool start(const NetNamespace& ns, const std::string& address, uint16_t port) {
+        return listenAndServe(ns, address, port);
+    }
+    // Probes that connected so far.
+    int connections() const { return connections_.load(); }
+
+  private:
+    void serve() override;
+
+    std::atomic<int> connections_{0};
+};
+
+// A player: a child inside ns that runs as uid and holds one connection at a time to
+// address:port. It sends a line, reads the server's answer line, then waits on the connection
+// until it breaks, and connects again (retrying a failed connect) until it has made
+// `connections` of them. Each step reaches the test as an event with the time it happened.
+class HeldConnectionClient {
+  public:
+    struct Event {
+        bool up = false;    // connected and answered; else the connection broke
+        std::string text;   // the server's answer, or the error that broke the connection
+        int64_t atMs = 0;   // CLOCK_MONOTONIC
+    };
+
+    bool start(const NetNamespace& ns, uid_t uid, const std::string& address, uint16_t port,
+               int connections);
+    // The next event, waiting up to timeoutMs; false when none came.
+    bool next(Event* event, int timeoutMs);
+
+  private:
+    ChildProcess child_;
+    android::base::unique_fd events_;
+    std::string unread_;
 };
 
 // Opens count TCP connections to address:port one after another, from a child inside ns
