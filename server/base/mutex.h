@@ -15,8 +15,11 @@
 //   kSingleton           creation of the other singletons (the rule manager's constructor
 //                        runs commands under iptablesMutex)
 //   kIptables            iptablesMutex: the rule-command sequences
-//   kLeaf                guards of single values (settings snapshots, the device root, the
-//                        RTT server); nothing is taken while one is held
+//   kRttServer           rttServerMutex: the RTT server and its port as one pair (probe
+//                        threads read it under the SLS mutex, the socket monitor writes it
+//                        under its own mutex)
+//   kLeaf                guards of single values (settings snapshots, the device root);
+//                        nothing is taken while one is held
 //
 // The order is checked twice: clang's -Wthread-safety-beta checks the ACQUIRED_AFTER
 // declarations of the named mutexes at compile time, and builds with VEKT_LOCK_ORDER_CHECK
@@ -38,6 +41,7 @@ enum class LockLevel : int {
     kSelection = 40,
     kSingleton = 50,
     kIptables = 60,
+    kRttServer = 70,
     kLeaf = 100,
 };
 

@@ -17,6 +17,7 @@
 #include "config/input_validation.h"
 
 vekt::Mutex interfaceMutex(vekt::LockLevel::kInterface, "interfaceMutex");
+vekt::Mutex rttServerMutex(vekt::LockLevel::kRttServer, "rttServerMutex");
 
 namespace {
 
@@ -286,4 +287,15 @@ void Parameters::setDoubleWifiSelectStatus(int value) {
 
 void Parameters::setGamingRttServer(const char* server) {
     if (server != nullptr) m_rttServer.set(server);
+}
+
+void Parameters::setRttServerAndPort(const char* server, int32_t port) {
+    vekt::MutexLock lock(rttServerMutex);
+    setGamingRttServer(server);
+    m_rttServerPort = port;
+}
+
+RttServerTarget Parameters::rttServerAndPort() const {
+    vekt::MutexLock lock(rttServerMutex);
+    return RttServerTarget{m_rttServer.get(), m_rttServerPort.load()};
 }

@@ -21,6 +21,11 @@
 // interface parameter texts. Its place in the daemon's lock order is in base/mutex.h.
 extern vekt::Mutex interfaceMutex;
 
+// Serialises changes of the RTT server and its port, which the probes use as one pair: a
+// writer that changes both holds it across both, and a reader takes both under it. Its
+// place in the lock order is in base/mutex.h.
+extern vekt::Mutex rttServerMutex ACQUIRED_AFTER(interfaceMutex);
+
 // Numeric settings slots, read with Parameters::get. Slots 11 to 28 are reserved.
 enum OperId : int32_t {
     SLA_ENABLED = 0,
@@ -35,6 +40,12 @@ enum OperId : int32_t {
     SOCK_STALE_TIME = 9,
     UPDATE_PM_FREQ = 10,
     OPER_ID_LAST = 28,
+};
+
+// Where the RTT probes connect to.
+struct RttServerTarget {
+    std::string server;
+    int32_t port;
 };
 
 class Parameters {
@@ -83,6 +94,9 @@ public:
     void setDoubleWifiSelectStatus(int value);
     std::string getGamingUids() const { return m_gamingUids.get(); }
     void setGamingRttServer(const char* server);
+    // The RTT server and its port, written and read as one pair under rttServerMutex.
+    void setRttServerAndPort(const char* server, int32_t port) EXCLUDES(rttServerMutex);
+    RttServerTarget rttServerAndPort() const EXCLUDES(rttServerMutex);
 
     // ---- UID lists ----
     void setuidwhitelist(const char* text);
@@ -131,6 +145,8 @@ public:
     std::atomic<int32_t> m_initWwanPercentage{0};
 
     vekt::SharedValue<std::string> m_gamingUids;
+    // One pair for the probes: change both with rttServerMutex held (setRttServerAndPort),
+    // and read both through rttServerAndPort().
     vekt::SharedValue<std::string> m_rttServer;
     std::atomic<int32_t> m_rttServerPort{0};
 

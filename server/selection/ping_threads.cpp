@@ -148,14 +148,14 @@ void SmartLinkSelection::makeRawPingFunc(InterfaceRtt* tracker, vekt::Worker& wo
     Parameters* params = Parameters::instance();
     // Read once: a changed interval reaches only threads started afterwards.
     const int64_t intervalMs = params->m_pingIntervalMs.load();
-    std::string server = params->m_rttServer.get();
+    RttServerTarget target = params->rttServerAndPort();
     tcping_info info = {};
     info.sockfd = 0;
-    info.server = server.c_str();
+    info.server = target.server.c_str();
     info.probeCount = 1;
     info.minCapMs = params->m_rttMinCapMs.load();
     info.rtt = 0;
-    info.port = static_cast<uint16_t>(params->m_rttServerPort.load());
+    info.port = static_cast<uint16_t>(target.port);
     {
         vekt::MutexLock lock(slsMutex);
         info.device = tracker->interfaceName;
@@ -167,10 +167,11 @@ void SmartLinkSelection::makeRawPingFunc(InterfaceRtt* tracker, vekt::Worker& wo
             vekt::MutexLock lock(slsMutex);
             if (tracker->running) {
                 if (!tracker->alive) return;
-                // A new RTT server or port counts from the next probe on.
-                server = params->m_rttServer.get();
-                info.server = server.c_str();
-                info.port = static_cast<uint16_t>(params->m_rttServerPort.load());
+                // A new RTT server or port counts from the next probe on; the two are
+                // taken as one pair, never the new server with the old port.
+                target = params->rttServerAndPort();
+                info.server = target.server.c_str();
+                info.port = static_cast<uint16_t>(target.port);
                 // Held across the probe: probes of different links never overlap and the
                 // chooser never sees a tracker half updated.
                 const int rtt = Tcping::updateTcpingRtt(&info, tracker->rttOffsetMs);

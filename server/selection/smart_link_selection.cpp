@@ -274,6 +274,10 @@ void SmartLinkSelection::setVoipIpAddressAndPort() {
     snprintf(address, sizeof(address), "%d.%d.%d.%d", static_cast<int>(peer & 0xff),
              static_cast<int>((peer >> 8) & 0xff), static_cast<int>((peer >> 16) & 0xff),
              static_cast<int>((peer >> 24) & 0xff));
+    vekt::MutexLock lock(rttServerMutex);
+    // Checked again with the pair held: a game server that the socket monitor picked
+    // meanwhile stays.
+    if (params->m_rttServer.get() != VEKT_DEFAULT_RTT_SERVER) return;
     params->setGamingRttServer(address);
     params->m_rttServerPort = ntohs(peerPort);
 }
