@@ -3,8 +3,8 @@
 // take theirs, and settings and lists are replaced as whole snapshots (see
 // base/shared_value.h), so the main loop and the workers read them safely meanwhile.
 //
-// Calls into the monitors are not wired yet; the lines marked "pending:" name them at the
-// place where they belong, in order.
+// The RSSI and dual Wi-Fi monitors are not wired yet; the lines marked "pending:" name
+// them at the place where they belong, in order.
 #define LOG_TAG "SLM-Vekt-VektSocket-Server"
 
 #include "control/command_handlers.h"
@@ -22,6 +22,7 @@
 #include "base/text.h"
 #include "config/input_validation.h"
 #include "control/control_socket.h"
+#include "monitors/sla_tcp_socket_monitor.h"
 #include "selection/smart_link_selection.h"
 #include "steering/iptables_manager.h"
 
@@ -54,8 +55,7 @@ void copyAcceptedText(char* dest, size_t size, const char* text, const char* han
 
 // Points the RTT probes at the built-in server on the probe port.
 void setRttTarget(Parameters* params) {
-    params->setGamingRttServer(VEKT_DEFAULT_RTT_SERVER);
-    params->m_rttServerPort = kProbePort;
+    params->setRttServerAndPort(VEKT_DEFAULT_RTT_SERVER, kProbePort);
 }
 
 // What gaming, VoIP and gaming AI mode do first: the probes aim at the built-in server,
@@ -307,14 +307,15 @@ void StartSlsServer(const char* text) {
     adoptGamingUids(params, text);
     steerGamingUids();
     startProbing();
-    // pending: RSSI monitor, socket monitor polling.
+    // pending: RSSI monitor.
+    SlaTcpSocketMonitor::instance()->resumePolling();
     params->setGamingRunning(1);
 }
 
 void StopSlsServer() {
     Parameters* params = gParams;
     if (params == nullptr || params->isGamingRunning() == 0) return;
-    // pending: finalize the socket monitor.
+    SlaTcpSocketMonitor::finalize();
     params->setServiceHighRtt(false);
     params->setGamingUids(nullptr);
     stopProbing();
@@ -378,10 +379,12 @@ void setGameAiModeEnable(const char* text) {
         params->setGamingAiModeCheckRtt(false);
         steerGamingUids();
         params->setGamingRunning(2);
-        // pending: RSSI monitor, socket monitor polling. Probing waits for id 14 or 15.
+        // pending: RSSI monitor.
+        // Probing waits for id 14 or 15; the monitor learns the game's server meanwhile.
+        SlaTcpSocketMonitor::instance()->resumePolling();
     } else if (!on && params->isGamingRunning() == 2) {
         ALOGI("setGameAiModeEnable disable");
-        // pending: finalize the socket monitor.
+        SlaTcpSocketMonitor::finalize();
         if (params->isGamingAiModeCheckRtt()) stopProbing();
         params->setGamingAiModeCheckRtt(false);
         params->setGamingUids(nullptr);

@@ -8,6 +8,7 @@
 #include "base/clock.h"
 #include "config/parameters.h"
 #include "control/control_socket.h"
+#include "monitors/sla_tcp_socket_monitor.h"
 #include "netlink/kill_sockets.h"
 #include "selection/smart_link_selection.h"
 #include "steering/iptables_manager.h"
@@ -35,6 +36,9 @@ void shutdownDaemon(SlaStatsImpl* stats) {
     const auto gamingUids = Parameters::instance()->m_gamingUidList.snapshot();
     for (const std::string& uid : *gamingUids) killSocketsForUID(uid.c_str());
     SmartLinkSelection::cleanup();
+    // Only the control path creates the monitor, and it has stopped: its thread is joined
+    // here rather than left running into the exit.
+    SlaTcpSocketMonitor::finalize();
     IptablesManager::clean_SLM_iptables();
     SlaStatsImpl::finalize();
     ALOGI("Vekt exiting");

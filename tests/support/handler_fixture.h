@@ -11,6 +11,7 @@
 #include "aggregation/sla_stats_impl.h"
 #include "control/command_handlers.h"
 #include "control/control_socket.h"
+#include "monitors/sla_tcp_socket_monitor.h"
 #include "selection/smart_link_selection.h"
 #include "steering/iptables_manager.h"
 #include "support/no_socket_destruction.h"
@@ -30,6 +31,7 @@ protected:
 
     void TearDown() override {
         gParams = nullptr;
+        SlaTcpSocketMonitor::finalize();
         SmartLinkSelection::finalize();
         IptablesManager::clean_SLM_iptables();
         SlaStatsImpl::finalize();
