@@ -300,6 +300,11 @@ void SourceAddressServer::serve() {
     }
 }
 
+std::vector<std::string> ProbeAnswerServer::sources() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return sources_;
+}
+
 void ProbeAnswerServer::serve() {
     struct Client {
         unique_fd fd;
@@ -326,11 +331,24 @@ void ProbeAnswerServer::serve() {
             if (!open) clients.erase(clients.begin() + static_cast<ptrdiff_t>(i));
         }
         if ((fds[0].revents & POLLIN) == 0) continue;
-        unique_fd connection(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        struct sockaddr_in from = {};
+        socklen_t length = sizeof(from);
+        unique_fd connection(accept4(listener_.get(), reinterpret_cast<struct sockaddr*>(&from),
+                                     &length, SOCK_CLOEXEC));
         if (!connection.ok()) continue;
-        connections_.fetch_add(1);
+        char text[INET_ADDRSTRLEN] = {};
+        inet_ntop(AF_INET, &from.sin_addr, text, sizeof(text));
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            sources_.push_back(std::string(text) + ":" + std::to_string(ntohs(from.sin_port)));
+        }
         clients.push_back({std::move(connection), 0});
     }
+}
+
+bool becomeUid(uid_t uid) {
+    return setgroups(0, nullptr) == 0 && setresgid(uid, uid, uid) == 0 &&
+           setresuid(uid, uid, uid) == 0;
 }
 
 std::vector<std::string> connectManyAs(const NetNamespace& ns, uid_t uid,
@@ -353,10 +371,7 @@ std::vector<std::string> connectManyAs(const NetNamespace& ns, uid_t uid,
     unique_fd readEnd(out[0]);
     // The child reports "OK ANSWER" or "FAIL STEP ERRNO" per connection, one line each.
     ChildProcess child(ns.forkInside([&] {
-        if (setgroups(0, nullptr) != 0 || setresgid(uid, uid, uid) != 0 ||
-            setresuid(uid, uid, uid) != 0) {
-            return 126;
-        }
+        if (!becomeUid(uid)) return 126;
         for (int i = 0; i < count; ++i) {
             std::string report;
             unique_fd sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -424,10 +439,7 @@ bool HeldConnectionClient::start(const NetNamespace& ns, uid_t uid, const std::s
     events_.reset(out[0]);
     // Lines "UP ANSWER MS" and "DOWN ERROR MS".
     child_.adopt(ns.forkInside([&] {
-        if (setgroups(0, nullptr) != 0 || setresgid(uid, uid, uid) != 0 ||
-            setresuid(uid, uid, uid) != 0) {
-            return 126;
-        }
+        if (!becomeUid(uid)) return 126;
         for (int made = 0; made < connections;) {
             unique_fd sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
             struct timeval timeout = {1, 0};  // bounds the connect and the answer only

@@ -9,7 +9,6 @@
 #include <stdint.h>
 #include <sys/types.h>
 
-#include <atomic>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -144,13 +143,14 @@ class ProbeAnswerServer : public LabServer {
     bool start(const NetNamespace& ns, const std::string& address, uint16_t port) {
         return listenAndServe(ns, address, port);
     }
-    // Probes that connected so far.
-    int connections() const { return connections_.load(); }
+    // "ADDRESS:PORT" of every client that connected so far, in order.
+    std::vector<std::string> sources() const;
 
   private:
     void serve() override;
 
-    std::atomic<int> connections_{0};
+    mutable std::mutex mutex_;
+    std::vector<std::string> sources_;
 };
 
 // A player: a child inside ns that runs as uid and holds one connection at a time to
@@ -175,6 +175,9 @@ class HeldConnectionClient {
     android::base::unique_fd events_;
     std::string unread_;
 };
+
+// In a child: drops to uid (group uid too, no supplementary groups).
+bool becomeUid(uid_t uid);
 
 // Opens count TCP connections to address:port one after another, from a child inside ns
 // that runs as uid (group uid too, no supplementary groups). Each connection sends a line
