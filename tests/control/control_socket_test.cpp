@@ -73,9 +73,15 @@ class ControlSocketTest : public ParametersTest {
 protected:
     void TearDown() override {
         if (gSocketThread != kNoSocketThread && socketThreadSyscall() != -2) {
-            ControlClient client;  // a stop takes effect only while a client is served
-            if (!eventually(inEpollWait, 200)) client = servedClient();
-            if (eventually(inEpollWait)) stopSocketThreads();
+            // A stop takes effect only while a client is served, and must not meet a hang-up:
+            // the test's own clients are gone, so the thread returns to accept (a stop that
+            // met its hang-up would be lost there), and a fresh client is served to the end.
+            if (eventually(inAccept)) {
+                ControlClient client = servedClient();
+                stopSocketThreads();
+            } else {
+                ADD_FAILURE() << "the socket thread did not return to accept";
+            }
         }
         gParams = nullptr;
     }
