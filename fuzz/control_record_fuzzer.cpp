@@ -19,6 +19,7 @@
 #include "control/command_handlers.h"
 #include "control/control_socket.h"
 #include "control/msg.h"
+#include "monitors/sla_tcp_socket_monitor.h"
 #include "selection/smart_link_selection.h"
 #include "steering/iptables_manager.h"
 #include "support/netns.h"
@@ -67,7 +68,9 @@ struct Harness {
     // file behind: drop those and start over from a fresh handler state.
     void reset() {
         updateInterfaces("");
-        // Probe threads and trackers the gaming handlers started go with the selection.
+        // Probe threads and trackers the gaming handlers started go with the selection, and
+        // the socket monitor's thread with the monitor.
+        SlaTcpSocketMonitor::finalize();
         SmartLinkSelection::finalize();
         resetHandlerStateForTest();
         std::error_code ignored;
