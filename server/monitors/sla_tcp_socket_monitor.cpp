@@ -12,6 +12,7 @@
 
 #include <string>
 
+#include "base/text.h"
 #include "config/parameters.h"
 #include "netlink/sock_diag.h"
 
@@ -169,7 +170,7 @@ void SlaTcpSocketMonitor::updateSocketStats(Clock::time_point now, const inet_di
     entry.uid = msg->idiag_uid;
     entry.lastSeen = now;
     memset(entry.server, 0, sizeof(entry.server));
-    strncpy(entry.server, server, sizeof(entry.server) - 1);
+    vekt::copyBounded(entry.server, sizeof(entry.server), server);
     ALOGI("map server is %s , port is %d,total sent_cnt %d", entry.server,
           static_cast<int>(entry.port), static_cast<int>(entry.sent_cnt));
 }
