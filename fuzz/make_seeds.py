@@ -155,6 +155,79 @@ def rings():
     }
 
 
+# Generic netlink (nl80211) receives: netlink header, generic header, attributes.
+NLMSG_NOOP, NLMSG_ERROR, NLMSG_DONE, NLMSG_OVERRUN = 1, 2, 3, 4
+NLM_F_MULTI = 2
+GENL_ID_CTRL, NL80211_FAMILY = 0x10, 0x1c
+
+
+def nla(kind, payload, length=None):
+    if length is None:
+        length = 4 + len(payload)
+    data = struct.pack("<HH", length, kind) + payload
+    return data + b"\0" * (-len(data) % 4)
+
+
+def nlmsg(kind, body, seq=1, flags=0, length=None):
+    if length is None:
+        length = 16 + len(body)
+    return struct.pack("<IHHII", length, kind, flags, seq, 0) + body
+
+
+def genl(cmd, attributes=b""):
+    return struct.pack("<BBH", cmd, 1, 0) + attributes
+
+
+def family_reply(name=b"nl80211", groups=None, seq=1):
+    attributes = nla(1, struct.pack("<H", NL80211_FAMILY)) + nla(2, name + b"\0")
+    if groups is not None:
+        entries = b"".join(nla(i + 1, nla(1, g + b"\0") + nla(2, struct.pack("<I", gid)))
+                           for i, (g, gid) in enumerate(groups))
+        attributes += nla(7, entries)
+    return nlmsg(GENL_ID_CTRL, genl(1, attributes), seq)
+
+
+def station_reply(signal=-58, seq=2, flags=0, cmd=19):
+    info = nla(2, struct.pack("<I", 4096)) + nla(7, struct.pack("<b", signal)) + nla(1, b"")
+    attributes = (nla(3, struct.pack("<I", 3)) + nla(6, bytes.fromhex("a0b1c2d3e4f5")) +
+                  nla(21, info))
+    return nlmsg(NL80211_FAMILY, genl(cmd, attributes), seq, flags)
+
+
+def nl80211_receives():
+    done = nlmsg(NLMSG_DONE, struct.pack("<i", 0), seq=2, flags=NLM_F_MULTI)
+    station = station_reply()
+    return {
+        "family_with_groups": family_reply(groups=[(b"config", 4), (b"scan", 5), (b"mlme", 7)]),
+        "family_without_groups": family_reply(),
+        "family_other_name": family_reply(name=b"nlctrl"),
+        "family_name_three_nuls": nlmsg(GENL_ID_CTRL, genl(1, nla(1, struct.pack("<H", 0x1c)) +
+                                                           nla(2, b"nl80211\0\0\0"))),
+        "family_group_without_id": nlmsg(GENL_ID_CTRL, genl(1, nla(1, struct.pack("<H", 0x1c)) +
+                                                            nla(7, nla(1, nla(1, b"scan\0"))))),
+        "station": station,
+        "station_multipart_then_done": station_reply(flags=NLM_F_MULTI) + done,
+        "station_unknown_sequence_first": station_reply(seq=102) + station,
+        "station_after_multicast": station_reply(seq=0) + station,
+        "station_u16_with_nla_len_8": nlmsg(NL80211_FAMILY, genl(19, nla(1, struct.pack("<I", 7)))),
+        "error": nlmsg(NLMSG_ERROR, struct.pack("<i", -19) + station[:16], seq=2),
+        "error_broken": nlmsg(NLMSG_ERROR, b"", seq=2, length=20) + b"\xed\xff",
+        "done_only": done,
+        "noop": nlmsg(NLMSG_NOOP, b"\0" * 4, seq=2),
+        "overrun": nlmsg(NLMSG_OVERRUN, b"\0" * 4, seq=2),
+        "attribute_past_end": station[:-4] + struct.pack("<HH", 0x40, 21),
+        "attribute_length_zero": nlmsg(NL80211_FAMILY, genl(19, nla(3, b"", length=0) +
+                                                            nla(21, b"", length=0))),
+        "attribute_below_header": nlmsg(NL80211_FAMILY, genl(19, nla(21, b"\0" * 4, length=2))),
+        "nested_entry_overlong": nlmsg(GENL_ID_CTRL, genl(1, nla(7, nla(1, b"\0" * 8, length=40)))),
+        "message_15_bytes": nlmsg(NLMSG_DONE, b"")[:15],
+        "message_incomplete": station[:30],
+        "message_length_zero": nlmsg(NLMSG_DONE, b"\0" * 4, length=0),
+        "payload_broken_tail": station + b"\0" * 10,
+        "unaligned_lengths": nlmsg(NLMSG_DONE, b"\0", seq=2, flags=NLM_F_MULTI) + done,
+    }
+
+
 def write(target, seeds):
     folder = os.path.join(CORPUS, target)
     os.makedirs(folder, exist_ok=True)
@@ -168,6 +241,7 @@ def main():
     write("control_record", control_records())
     write("settings", settings_files())
     write("stats_ring", rings())
+    write("nl80211_packet", nl80211_receives())
     return 0
 
 
