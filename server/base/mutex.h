@@ -18,6 +18,10 @@
 //   kRttServer           rttServerMutex: the RTT server and its port as one pair (probe
 //                        threads read it under the SLS mutex, the socket monitor writes it
 //                        under its own mutex)
+//   kNetlink             the generic netlink client's request lock: one nl80211 request and
+//                        its reply at a time. The RSSI monitor asks under its own mutex and
+//                        the registry lock, so it comes after those; nothing is taken while it
+//                        is held (a request only waits on its own socket, up to a second)
 //   kLeaf                guards of single values (settings snapshots, the device root);
 //                        nothing is taken while one is held
 //
@@ -42,6 +46,7 @@ enum class LockLevel : int {
     kSingleton = 50,
     kIptables = 60,
     kRttServer = 70,
+    kNetlink = 80,
     kLeaf = 100,
 };
 

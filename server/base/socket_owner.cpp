@@ -16,6 +16,14 @@ public:
 
 }  // namespace
 
+int SocketFactory::setOption(int fd, int level, int name, const void* value, socklen_t length) {
+    return ::setsockopt(fd, level, name, value, length);
+}
+
+int SocketFactory::bindAddress(int fd, const sockaddr* address, socklen_t length) {
+    return ::bind(fd, address, length);
+}
+
 Seam<SocketFactory>& socketFactorySeam() {
     static SystemSocketFactory real;
     static Seam<SocketFactory> seam(real);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <android-base/unique_fd.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include "base/seam.h"
@@ -15,6 +16,12 @@ public:
     virtual ~SocketFactory() = default;
     // A new socket, close-on-exec; an invalid descriptor (errno set) on failure.
     virtual android::base::unique_fd open(int domain, int type, int protocol) = 0;
+
+    // The set-up calls that only a kernel socket honours (a forced receive buffer, a netlink
+    // address). The default makes the system calls; a factory that hands out socketpair ends
+    // may accept them instead. Results and errno as the system calls give them.
+    virtual int setOption(int fd, int level, int name, const void* value, socklen_t length);
+    virtual int bindAddress(int fd, const sockaddr* address, socklen_t length);
 };
 
 Seam<SocketFactory>& socketFactorySeam();
