@@ -19,6 +19,8 @@
 #include "control/command_handlers.h"
 #include "control/control_socket.h"
 #include "control/msg.h"
+#include "monitors/double_wifi_monitor.h"
+#include "monitors/rssi_state_monitor.h"
 #include "monitors/sla_tcp_socket_monitor.h"
 #include "selection/smart_link_selection.h"
 #include "steering/iptables_manager.h"
@@ -69,7 +71,9 @@ struct Harness {
     void reset() {
         updateInterfaces("");
         // Probe threads and trackers the gaming handlers started go with the selection, and
-        // the socket monitor's thread with the monitor.
+        // the monitors' threads with the monitors.
+        RssiStateMonitor::finalize();
+        DoubleWifiMonitor::finalize();
         SlaTcpSocketMonitor::finalize();
         SmartLinkSelection::finalize();
         resetHandlerStateForTest();

@@ -3,8 +3,10 @@
 // take theirs, and settings and lists are replaced as whole snapshots (see
 // base/shared_value.h), so the main loop and the workers read them safely meanwhile.
 //
-// The RSSI and dual Wi-Fi monitors are not wired yet; the lines marked "pending:" name
-// them at the place where they belong, in order.
+// The monitors are created and finalised here: the dual Wi-Fi monitor by its own command,
+// the RSSI monitor together with gaming, gaming AI mode and VoIP. Finalising a monitor
+// waits for a round in progress (and, for the RSSI monitor, for the gaming sockets to be
+// destroyed) but never for the sleep between rounds, which the stop cuts short.
 #define LOG_TAG "SLM-Vekt-VektSocket-Server"
 
 #include "control/command_handlers.h"
@@ -22,6 +24,8 @@
 #include "base/text.h"
 #include "config/input_validation.h"
 #include "control/control_socket.h"
+#include "monitors/double_wifi_monitor.h"
+#include "monitors/rssi_state_monitor.h"
 #include "monitors/sla_tcp_socket_monitor.h"
 #include "selection/smart_link_selection.h"
 #include "steering/iptables_manager.h"
@@ -295,9 +299,9 @@ void setDoubleWifiMonitor(const char* text) {
     if (params == nullptr) return;
     int on = atoi(text);
     if (on == 0 && params->isDWMonitorStatus()) {
-        // pending: stop the dual Wi-Fi monitor.
+        DoubleWifiMonitor::finalize();
     } else if (on == 1 && !params->isDWMonitorStatus()) {
-        // pending: start the dual Wi-Fi monitor.
+        DoubleWifiMonitor::instance();
     }
 }
 
@@ -307,7 +311,7 @@ void StartSlsServer(const char* text) {
     adoptGamingUids(params, text);
     steerGamingUids();
     startProbing();
-    // pending: RSSI monitor.
+    RssiStateMonitor::instance();
     SlaTcpSocketMonitor::instance()->resumePolling();
     params->setGamingRunning(1);
 }
@@ -321,7 +325,7 @@ void StopSlsServer() {
     stopProbing();
     IptablesManager::instance()->cleanup_SLS_iptables_UID_chains();
     params->setGamingRunning(0);
-    // pending: finalize the RSSI monitor.
+    RssiStateMonitor::finalize();
 }
 
 void setVoipStatus(const char* text) {
@@ -336,7 +340,7 @@ void setVoipStatus(const char* text) {
             true, joinList(params->m_gamingUidList.get()).c_str());
         steerGamingUids();
         startProbing();
-        // pending: RSSI monitor.
+        RssiStateMonitor::instance();
         params->setVoipRunning(true);
     } else if (!on && params->isVoipRunning()) {
         SlaStatsImpl::instance()->enableSlaVoipState(false,
@@ -347,7 +351,7 @@ void setVoipStatus(const char* text) {
         params->setGamingConnectStatus(false);
         stopProbing();
         IptablesManager::instance()->cleanup_SLS_iptables_UID_chains();
-        // pending: finalize the RSSI monitor.
+        RssiStateMonitor::finalize();
     }
 }
 
@@ -379,7 +383,7 @@ void setGameAiModeEnable(const char* text) {
         params->setGamingAiModeCheckRtt(false);
         steerGamingUids();
         params->setGamingRunning(2);
-        // pending: RSSI monitor.
+        RssiStateMonitor::instance();
         // Probing waits for id 14 or 15; the monitor learns the game's server meanwhile.
         SlaTcpSocketMonitor::instance()->resumePolling();
     } else if (!on && params->isGamingRunning() == 2) {
@@ -391,7 +395,7 @@ void setGameAiModeEnable(const char* text) {
         params->m_nHyst = 1;
         params->maxPingMiss = 5;
         params->setGamingRunning(0);
-        // pending: finalize the RSSI monitor.
+        RssiStateMonitor::finalize();
         IptablesManager::instance()->cleanup_SLS_iptables_UID_chains();
     }
 }

@@ -8,6 +8,8 @@
 #include "base/clock.h"
 #include "config/parameters.h"
 #include "control/control_socket.h"
+#include "monitors/double_wifi_monitor.h"
+#include "monitors/rssi_state_monitor.h"
 #include "monitors/sla_tcp_socket_monitor.h"
 #include "netlink/kill_sockets.h"
 #include "selection/smart_link_selection.h"
@@ -35,10 +37,13 @@ void shutdownDaemon(SlaStatsImpl* stats) {
     // The games reconnect over the default route once the steering rules are gone.
     const auto gamingUids = Parameters::instance()->m_gamingUidList.snapshot();
     for (const std::string& uid : *gamingUids) killSocketsForUID(uid.c_str());
-    SmartLinkSelection::cleanup();
-    // Only the control path creates the monitor, and it has stopped: its thread is joined
-    // here rather than left running into the exit.
+    // Only the control path creates the monitors, and it has stopped: their threads are
+    // joined here rather than left running into the exit, the RSSI monitor's before the
+    // selection whose trackers it writes.
+    RssiStateMonitor::finalize();
+    DoubleWifiMonitor::finalize();
     SlaTcpSocketMonitor::finalize();
+    SmartLinkSelection::cleanup();
     IptablesManager::clean_SLM_iptables();
     SlaStatsImpl::finalize();
     ALOGI("Vekt exiting");

@@ -11,6 +11,8 @@
 #include "aggregation/sla_stats_impl.h"
 #include "control/command_handlers.h"
 #include "control/control_socket.h"
+#include "monitors/double_wifi_monitor.h"
+#include "monitors/rssi_state_monitor.h"
 #include "monitors/sla_tcp_socket_monitor.h"
 #include "selection/smart_link_selection.h"
 #include "steering/iptables_manager.h"
@@ -31,6 +33,9 @@ protected:
 
     void TearDown() override {
         gParams = nullptr;
+        // The monitors go before selection: the RSSI monitor writes into its trackers.
+        DoubleWifiMonitor::finalize();
+        RssiStateMonitor::finalize();
         SlaTcpSocketMonitor::finalize();
         SmartLinkSelection::finalize();
         IptablesManager::clean_SLM_iptables();
