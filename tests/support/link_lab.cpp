@@ -17,6 +17,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <sstream>
 
 #include "support/netns.h"
@@ -302,13 +303,26 @@ void SourceAddressServer::serve() {
 
 std::vector<std::string> ProbeAnswerServer::sources() const {
     std::lock_guard<std::mutex> lock(mutex_);
-    return sources_;
+    std::vector<std::string> sources;
+    for (const Served& connection : served_) sources.push_back(connection.source);
+    return sources;
+}
+
+int64_t ProbeAnswerServer::longestConnectionMs(const std::string& prefix) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    int64_t longest = 0;
+    for (const Served& connection : served_) {
+        if (connection.closedMs != 0 && connection.source.rfind(prefix, 0) == 0)
+            longest = std::max(longest, connection.closedMs - connection.openedMs);
+    }
+    return longest;
 }
 
 void ProbeAnswerServer::serve() {
     struct Client {
         unique_fd fd;
         size_t unanswered = 0;  // bytes received towards the next 58-byte request
+        size_t served = 0;      // its entry in served_
     };
     std::vector<Client> clients;
     const std::string answer(60, 'a');
@@ -328,7 +342,12 @@ void ProbeAnswerServer::serve() {
                 open = send(client.fd.get(), answer.data(), answer.size(), MSG_NOSIGNAL) ==
                        static_cast<ssize_t>(answer.size());
             }
-            if (!open) clients.erase(clients.begin() + static_cast<ptrdiff_t>(i));
+            if (open) continue;
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                served_[client.served].closedMs = monotonicMs();
+            }
+            clients.erase(clients.begin() + static_cast<ptrdiff_t>(i));
         }
         if ((fds[0].revents & POLLIN) == 0) continue;
         struct sockaddr_in from = {};
@@ -338,11 +357,14 @@ void ProbeAnswerServer::serve() {
         if (!connection.ok()) continue;
         char text[INET_ADDRSTRLEN] = {};
         inet_ntop(AF_INET, &from.sin_addr, text, sizeof(text));
+        size_t index = 0;
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            sources_.push_back(std::string(text) + ":" + std::to_string(ntohs(from.sin_port)));
+            index = served_.size();
+            served_.push_back(
+                {std::string(text) + ":" + std::to_string(ntohs(from.sin_port)), monotonicMs()});
         }
-        clients.push_back({std::move(connection), 0});
+        clients.push_back({std::move(connection), 0, index});
     }
 }
 

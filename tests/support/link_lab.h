@@ -145,12 +145,20 @@ class ProbeAnswerServer : public LabServer {
     }
     // "ADDRESS:PORT" of every client that connected so far, in order.
     std::vector<std::string> sources() const;
+    // The longest time from accept to the client's close among the closed connections
+    // whose source starts with prefix, in ms: how long a probe of that link held its link.
+    int64_t longestConnectionMs(const std::string& prefix) const;
 
   private:
+    struct Served {
+        std::string source;
+        int64_t openedMs = 0;
+        int64_t closedMs = 0;  // 0 while open
+    };
     void serve() override;
 
     mutable std::mutex mutex_;
-    std::vector<std::string> sources_;
+    std::vector<Served> served_;
 };
 
 // A player: a child inside ns that runs as uid and holds one connection at a time to
