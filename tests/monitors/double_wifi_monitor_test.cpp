@@ -1,15 +1,13 @@
-// The dual Wi-Fi monitor with station readings and RTT results fed in by the test.
-//
-// The monitor's thread runs its first round as soon as it starts and then sleeps 5 s; the
-// tests wait for that first round and then drive further rounds themselves with poll(),
-// well inside that sleep, so every expected figure below counts the thread's round as the
-// first. The figures are worked out by hand from the readings.
+// The dual Wi-Fi monitor with station readings and RTT results fed in by the test. Its thread
+// runs a first round at once and then sleeps 5 s; the tests wait for that round and drive the
+// next ones with poll(), well inside the sleep, so every figure below (worked out by hand)
+// counts the thread's round as the first.
 #include "monitors/double_wifi_monitor.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -18,50 +16,27 @@
 #include "control/msg.h"
 #include "support/fake_wifi_sources.h"
 #include "support/handler_fixture.h"
-#include "support/parameters_fixture.h"
 
 namespace vekt::test {
 namespace {
 
-using std::chrono::steady_clock;
 using Strings = std::vector<std::string>;
 
-bool pollingThreadExists() {
-    bool found = false;
-    DIR* tasks = opendir("/proc/self/task");
-    while (dirent* entry = tasks != nullptr ? readdir(tasks) : nullptr) {
-        std::string name;
-        std::getline(std::ifstream(std::string("/proc/self/task/") + entry->d_name + "/comm"),
-                     name);
-        found = found || name == DoubleWifiMonitor::kThreadName;
-    }
-    if (tasks != nullptr) closedir(tasks);
-    return found;
-}
-
-bool waitForLog(const host::LogCapture& log, const std::string& text, int seconds) {
-    const auto deadline = steady_clock::now() + std::chrono::seconds(seconds);
-    while (!log.contains(text)) {
-        if (steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
-}
-
-double secondsSince(steady_clock::time_point start) {
-    return std::chrono::duration<double>(steady_clock::now() - start).count();
-}
-
 const std::string kFastSleep = "waitForNextPoll FAST_POLL_SLEEP_TIME ";
-const std::string kSlowSleep = "waitForNextPoll SLOW_POLL_SLEEP_TIME ";
 
-class DoubleWifiMonitorTest : public ParametersTest {
-  protected:
-    DoubleWifiMonitorTest() {
-        DoubleWifiMonitor::finalize();
-        DoubleWifiMonitor::isCollectRtt = false;  // kept across monitors by design
+bool pollingThreadExists() {
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::getline(std::ifstream(task.path() / "comm"), name);
+        if (name == DoubleWifiMonitor::kThreadName) return true;
     }
-    ~DoubleWifiMonitorTest() override { DoubleWifiMonitor::finalize(); }
+    return false;
+}
+
+// The handlers' fixture: the last test drives the monitor through them.
+class DoubleWifiMonitorTest : public HandlerTest {
+  protected:
+    DoubleWifiMonitorTest() { DoubleWifiMonitor::isCollectRtt = false; }  // kept across monitors
 
     void registerTwoWifiLinks(int rssi) {
         params()->UpdateInterface("wlan0", true);
@@ -70,92 +45,71 @@ class DoubleWifiMonitorTest : public ParametersTest {
         setRssi(rssi, rssi);
     }
     void setRssi(int wlan0, int wlan1) {
-        station_.set("wlan0", wlan0);
-        station_.set("wlan1", wlan1);
+        links_.set("wlan0", wlan0);
+        links_.set("wlan1", wlan1);
     }
-    // The monitor, once its thread has run its first round and gone to sleep.
-    DoubleWifiMonitor* startAndWaitForFirstRound() {
-        DoubleWifiMonitor* monitor = DoubleWifiMonitor::instance();
-        EXPECT_TRUE(waitForLog(log_, kFastSleep, 5));
-        return monitor;
+    bool waitForLog(const std::string& text, int seconds) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+        while (!log_.contains(text) && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return log_.contains(text);
     }
-    Strings averages() const {
+    // The averages and the difference logged since the last clear, then clears.
+    Strings averages() {
         Strings lines;
         for (const std::string& text : log_.texts("SLM-Vekt-DoubleWifiMonitor")) {
             if (text.rfind("Average ", 0) == 0 || text.rfind("Rtt Difference", 0) == 0) {
                 lines.push_back(text);
             }
         }
+        log_.clear();
         return lines;
     }
 
-    FakeStationSource station_;
-    FakeRttProbe rtt_;
+    FakeWifiLinks links_;
 };
 
-TEST_F(DoubleWifiMonitorTest, FewerThanTwoUsableWifiLinksLeaveItIdle) {
+TEST_F(DoubleWifiMonitorTest, OneUsableWifiLinkStartsNoThreadAndSetsStatusZero) {
+    // A cellular link and a Wi-Fi link without an access point do not count.
     params()->UpdateInterface("wlan0", true);
-    params()->setDoubleWifiSelectStatus(2);
-    DoubleWifiMonitor::instance();
-    EXPECT_TRUE(log_.contains(
-        "DoubleWifiMonitor m_interfaceInfoMap size < 2 is error!, interfaceMapSize ="));
-    EXPECT_EQ(params()->getDoubleWifiSelectStatus(), 0);
-    DoubleWifiMonitor::finalize();
-
-    // Two registered links, but only one Wi-Fi link with a known access point.
     params()->UpdateInterface("wlan1", true);
     params()->UpdateInterface("rmnet_data0", true);
     params()->UpdateInterfaceBssid("aa:bb:cc:dd:ee:01,");
+    params()->setDoubleWifiSelectStatus(2);
     DoubleWifiMonitor::instance()->poll();
-    EXPECT_TRUE(log_.contains(
-        "DoubleWifiMonitor wifiInfo->name is wlan0, wifiInfo->bssid is aabbccddee01!"));
     EXPECT_FALSE(pollingThreadExists());
-    EXPECT_FALSE(params()->isDWMonitorStatus());
     EXPECT_EQ(params()->getDoubleWifiSelectStatus(), 0);
-    EXPECT_EQ(log_.count("DoubleWifiMonitor exit "), 1u);
+    EXPECT_EQ(links_.queries(), Strings{"wlan0@aabbccddee01"});
 }
 
-TEST_F(DoubleWifiMonitorTest, WeakSignalSwitchesRttProbingOnAndOnlyAllStrongLinksSwitchItOff) {
+TEST_F(DoubleWifiMonitorTest, SevenWeakReadingsSwitchRttProbingOnAndAllStrongLinksOff) {
     registerTwoWifiLinks(-80);
-    DoubleWifiMonitor* monitor = startAndWaitForFirstRound();
-    EXPECT_TRUE(params()->isDWMonitorStatus());
+    DoubleWifiMonitor* monitor = DoubleWifiMonitor::instance();
+    ASSERT_TRUE(waitForLog(kFastSleep, 5));  // the thread's first round
     EXPECT_TRUE(pollingThreadExists());
-
-    // Impossible readings are refused and add no sample.
-    setRssi(0, -127);
+    setRssi(0, -127);  // impossible readings add no sample
     monitor->poll();
-    EXPECT_TRUE(log_.contains("Interface = wlan0 current rssi = 0 error!"));
-    EXPECT_TRUE(log_.contains("Interface = wlan1 current rssi = 127 error!"));
-
     setRssi(-80, -80);
     for (int round = 2; round <= 6; ++round) monitor->poll();
     EXPECT_EQ(averages(), Strings{});
-    EXPECT_TRUE(rtt_.calls().empty());
 
     // The seventh reading fills the history: average (0 + 7 * 80) / 7 = 80, weak.
     monitor->poll();
     EXPECT_EQ(averages(), (Strings{"Average Rssi is 80, interface is wlan0",
                                    "Average Rssi is 80, interface is wlan1"}));
     EXPECT_TRUE(DoubleWifiMonitor::isCollectRtt);
-    EXPECT_EQ(rtt_.calls().size(), 2u);
+    EXPECT_EQ(links_.calls().size(), 2u);
 
-    // Stronger readings bring the damped average down to 85, 80, 74 (still probing: between
-    // the limits the state holds) and then 67 on both links, which ends probing.
+    // Stronger readings bring the damped average down to 85, 80, 74 (between the limits the
+    // state holds) and then 67 on both links, which ends probing.
     setRssi(-40, -40);
-    log_.clear();
-    for (int round = 8; round <= 11; ++round) monitor->poll();
-    EXPECT_EQ(
-        averages(),
-        (Strings{"Average Rssi is 85, interface is wlan0", "Average Rssi is 85, interface is wlan1",
-                 "Average Rssi is 80, interface is wlan0", "Average Rssi is 80, interface is wlan1",
-                 "Average Rssi is 74, interface is wlan0", "Average Rssi is 74, interface is wlan1",
-                 "Average Rssi is 67, interface is wlan0",
-                 "Average Rssi is 67, interface is wlan1"}));
-    EXPECT_EQ(log_.count("poll isCollectRtt is 1"), 3u);
-    EXPECT_EQ(log_.count("poll isCollectRtt is 0"), 1u);
+    for (int round = 8; round <= 10; ++round) monitor->poll();
+    EXPECT_TRUE(DoubleWifiMonitor::isCollectRtt);
+    monitor->poll();
+    EXPECT_EQ(averages().back(), "Average Rssi is 67, interface is wlan1");
     EXPECT_FALSE(DoubleWifiMonitor::isCollectRtt);
-    EXPECT_EQ(rtt_.calls().size(), 8u);  // rounds 7 to 10, two links each
-    EXPECT_EQ(params()->getDoubleWifiSelectStatus(), 0);
+    EXPECT_EQ(links_.calls().size(), 8u);  // rounds 7 to 10, two links each
 }
 
 TEST_F(DoubleWifiMonitorTest, WeightedRttAveragesSelectTheFasterLinkKeepItAndGiveUp) {
@@ -166,11 +120,11 @@ TEST_F(DoubleWifiMonitorTest, WeightedRttAveragesSelectTheFasterLinkKeepItAndGiv
     // samples, and each average is (previous average + those six) / 6: 190/120, then
     // 170/120, then 150/120.
     registerTwoWifiLinks(-100);
-    rtt_.queue("wlan0", {50, 205, 100, 67, 66, 66, 66, 50, 50});
-    rtt_.queue("wlan1", {50, 110, 50, 50, 50, 50, 50, 50, 50});
-    DoubleWifiMonitor* monitor = startAndWaitForFirstRound();
+    links_.queue("wlan0", {50, 205, 100, 67, 66, 66, 66, 50, 50});
+    links_.queue("wlan1", {50, 110, 50, 50, 50, 50, 50, 50, 50});
+    DoubleWifiMonitor* monitor = DoubleWifiMonitor::instance();
+    ASSERT_TRUE(waitForLog(kFastSleep, 5));  // the thread's first round
     for (int round = 2; round <= 6; ++round) monitor->poll();
-    EXPECT_TRUE(rtt_.calls().empty());
 
     // The first six RTT rounds leave the history incomplete: selection off each time.
     for (int rttRound = 1; rttRound <= 6; ++rttRound) {
@@ -179,86 +133,43 @@ TEST_F(DoubleWifiMonitorTest, WeightedRttAveragesSelectTheFasterLinkKeepItAndGiv
         if (rttRound == 1) setRssi(0, 0);
         EXPECT_EQ(params()->getDoubleWifiSelectStatus(), 0) << rttRound;
     }
-    EXPECT_EQ(log_.count("rttCollectMonitor isCaclRtt is 0!"), 6u);
-
-    log_.clear();
-    monitor->poll();
-    EXPECT_EQ(averages(), (Strings{"Average Rtt is 190, interface wlan0",
-                                   "Average Rtt is 120, interface wlan1", "Rtt Difference is 70"}));
-    EXPECT_TRUE(log_.contains("rttCaclAndInterfaceSelect double wifi Select slave wifi"));
-    EXPECT_EQ(params()->getDoubleWifiSelectStatus(), 2);
-
-    log_.clear();
-    monitor->poll();
-    EXPECT_EQ(averages(), (Strings{"Average Rtt is 170, interface wlan0",
-                                   "Average Rtt is 120, interface wlan1", "Rtt Difference is 50"}));
-    EXPECT_EQ(params()->getDoubleWifiSelectStatus(), 2);
-
-    log_.clear();
-    monitor->poll();
-    EXPECT_EQ(averages(), (Strings{"Average Rtt is 150, interface wlan0",
-                                   "Average Rtt is 120, interface wlan1", "Rtt Difference is 30"}));
-    EXPECT_TRUE(log_.contains("poll double wifi Select disable"));
-    EXPECT_EQ(params()->getDoubleWifiSelectStatus(), 0);
-
-    // One probe per link and round, over that link, to the built-in server, no offset.
-    const std::vector<FakeRttProbe::Call> calls = rtt_.calls();
-    ASSERT_EQ(calls.size(), 18u);
-    for (size_t i = 0; i < calls.size(); ++i) {
-        EXPECT_EQ(calls[i].device, i % 2 == 0 ? "wlan0" : "wlan1");
-        EXPECT_EQ(calls[i].server, VEKT_DEFAULT_RTT_SERVER);
-        EXPECT_EQ(calls[i].port, 443);
-        EXPECT_EQ(calls[i].probeCount, 1);
-        EXPECT_EQ(calls[i].offsetMs, 0);
+    averages();
+    // wlan0's average and the difference: the slave link, faster by 66 ms or more, is chosen;
+    // the choice stands; under 40 ms selection is off.
+    const int rounds[][3] = {{190, 70, 2}, {170, 50, 2}, {150, 30, 0}};
+    for (const auto& [wlan0, difference, status] : rounds) {
+        monitor->poll();
+        EXPECT_EQ(averages(),
+                  (Strings{"Average Rtt is " + std::to_string(wlan0) + ", interface wlan0",
+                           "Average Rtt is 120, interface wlan1",
+                           "Rtt Difference is " + std::to_string(difference)}));
+        EXPECT_EQ(params()->getDoubleWifiSelectStatus(), status);
     }
+    // One probe per link and round, over that link, to the built-in server, no offset.
+    const Strings calls = links_.calls();
+    ASSERT_EQ(calls.size(), 18u);
+    EXPECT_EQ(calls[0], "wlan0 " VEKT_DEFAULT_RTT_SERVER ":443 x1 +0");
+    EXPECT_EQ(calls[17], "wlan1 " VEKT_DEFAULT_RTT_SERVER ":443 x1 +0");
 }
 
-TEST_F(DoubleWifiMonitorTest, FullHistoriesSleepLongAndFinalizeWakesAndJoinsTheThread) {
+TEST_F(DoubleWifiMonitorTest, CommandStartsItOnceAndStopJoinsTheThreadWithoutWaitingOutItsSleep) {
     registerTwoWifiLinks(-50);
-    DoubleWifiMonitor* monitor = startAndWaitForFirstRound();
-    for (int round = 2; round <= 7; ++round) monitor->poll();
-    // The thread's next round finds every history full: strong links, no probing.
-    ASSERT_TRUE(waitForLog(log_, kSlowSleep, 10));
-    EXPECT_EQ(log_.count(kFastSleep), 1u);
+    send(MSG_DW_MONITOR, "1");
+    send(MSG_DW_MONITOR, "1");
+    EXPECT_EQ(log_.count("DoubleWifiMonitor enter "), 1u);
+    EXPECT_EQ(links_.starts(), 1);
+    ASSERT_TRUE(waitForLog(kFastSleep, 5));
+    EXPECT_TRUE(params()->isDWMonitorStatus());
 
-    const auto before = steady_clock::now();
-    DoubleWifiMonitor::finalize();
-    // The thread was in its 10 s sleep; the stop must not wait it out.
-    EXPECT_LT(secondsSince(before), 2.0);
+    // Once every history is full the thread sleeps 10 s; the stop must not wait it out.
+    for (int round = 2; round <= 7; ++round) DoubleWifiMonitor::instance()->poll();
+    ASSERT_TRUE(waitForLog("waitForNextPoll SLOW_POLL_SLEEP_TIME ", 10));
+    const auto before = std::chrono::steady_clock::now();
+    send(MSG_DW_MONITOR, "0");
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(2));
     EXPECT_FALSE(pollingThreadExists());
     EXPECT_FALSE(params()->isDWMonitorStatus());
     EXPECT_EQ(params()->getDoubleWifiSelectStatus(), 0);
-}
-
-class DoubleWifiMonitorHandlerTest : public HandlerTest {
-  protected:
-    FakeStationSource station_;
-    FakeRttProbe rtt_;
-};
-
-TEST_F(DoubleWifiMonitorHandlerTest, CommandStartsItOnceAndStopsItWithoutBlockingTheSocket) {
-    for (const char* name : {"wlan0", "wlan1"}) root_.publishStatsFile(name);
-    send(MSG_UPDATE_INTERFACES, "wlan0,wlan1");
-    send(MSG_BSSID, "aa:bb:cc:dd:ee:01,aa:bb:cc:dd:ee:02");
-    station_.set("wlan0", -50);
-    station_.set("wlan1", -50);
-
-    send(MSG_DW_MONITOR, "1");
-    send(MSG_DW_MONITOR, "1");
-    send(MSG_DW_MONITOR, "2");  // neither on nor off
-    EXPECT_EQ(log_.count("DoubleWifiMonitor enter "), 1u);
-    EXPECT_TRUE(params()->isDWMonitorStatus());
-    ASSERT_TRUE(waitForLog(log_, kFastSleep, 5));
-
-    const auto before = steady_clock::now();
-    send(MSG_DW_MONITOR, "0");
-    // The socket thread runs every command: a monitor asleep for 5 s must not hold it.
-    EXPECT_LT(secondsSince(before), 2.0);
-    EXPECT_EQ(log_.count("DoubleWifiMonitor exit "), 1u);
-    EXPECT_FALSE(params()->isDWMonitorStatus());
-    EXPECT_FALSE(pollingThreadExists());
-    send(MSG_DW_MONITOR, "0");  // not running: nothing to stop
-    EXPECT_EQ(log_.count("DoubleWifiMonitor exit "), 1u);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
-// Readings for the Wi-Fi monitors that no host can produce on demand: a station source that
-// reports the signal a test sets per interface, and an RTT probe that answers from a queue
-// of results per interface. Both record what they were asked, and both are installed for
-// their own lifetime. The monitors call them from their threads; every member is locked.
+// Readings for the Wi-Fi monitors that no host can produce on demand: the signal a test sets
+// per interface, and RTT results from a queue per interface (-1, a failed probe, once it runs
+// dry). Installed as both sources for its own lifetime; it records what it was asked. The
+// monitors' threads call it, so every member is locked.
 #pragma once
 
 #include <deque>
@@ -14,79 +14,57 @@
 
 namespace vekt::test {
 
-class FakeStationSource : public StationSource {
+class FakeWifiLinks : public StationSource, public RttProbe {
   public:
     bool start() override {
         std::lock_guard<std::mutex> lock(mutex_);
-        ++starts_;
-        return true;
+        return ++starts_ > 0;
     }
     int stationRssi(const char* bssid, const char* ifname) override {
         std::lock_guard<std::mutex> lock(mutex_);
         queries_.push_back(std::string(ifname) + "@" + bssid);
-        auto found = rssi_.find(ifname);
-        return found == rssi_.end() ? 0 : found->second;
+        return rssi_[ifname];  // 0, a failed query, unless set
     }
-
-    void set(const std::string& ifname, int rssi) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        rssi_[ifname] = rssi;
-    }
-    int starts() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return starts_;
-    }
-    // "ifname@bssid" for each query, in order.
-    std::vector<std::string> queries() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return queries_;
-    }
-
-  private:
-    mutable std::mutex mutex_;
-    std::map<std::string, int> rssi_;
-    int starts_ = 0;
-    std::vector<std::string> queries_;
-    ScopedSeamOverride<StationSource> scope_{stationSourceSeam(), *this};
-};
-
-class FakeRttProbe : public RttProbe {
-  public:
-    struct Call {
-        std::string device;
-        std::string server;
-        uint16_t port;
-        int32_t probeCount;
-        int offsetMs;
-    };
-
-    // The next queued result for the interface, -1 (a failed probe) when none is left.
     int probe(tcping_info* info, int offsetMs) override {
         std::lock_guard<std::mutex> lock(mutex_);
-        const std::string device = info->device != nullptr ? info->device : "";
-        calls_.push_back({device, info->server != nullptr ? info->server : "", info->port,
-                          info->probeCount, offsetMs});
-        std::deque<int>& queue = results_[device];
+        calls_.push_back(std::string(info->device) + " " + info->server + ":" +
+                         std::to_string(info->port) + " x" + std::to_string(info->probeCount) +
+                         " +" + std::to_string(offsetMs));
+        std::deque<int>& queue = rtts_[info->device];
         if (queue.empty()) return -1;
         const int rtt = queue.front();
         queue.pop_front();
         return rtt;
     }
 
-    void queue(const std::string& device, const std::vector<int>& rtts) {
+    void set(const std::string& ifname, int rssi) {
         std::lock_guard<std::mutex> lock(mutex_);
-        results_[device].insert(results_[device].end(), rtts.begin(), rtts.end());
+        rssi_[ifname] = rssi;
     }
-    std::vector<Call> calls() const {
+    void queue(const std::string& ifname, const std::vector<int>& rtts) {
         std::lock_guard<std::mutex> lock(mutex_);
-        return calls_;
+        rtts_[ifname].insert(rtts_[ifname].end(), rtts.begin(), rtts.end());
     }
+    int starts() { return copy(starts_); }
+    // In order: each station query as "ifname@bssid", each probe as
+    // "ifname server:port xProbes +offsetMs".
+    std::vector<std::string> queries() { return copy(queries_); }
+    std::vector<std::string> calls() { return copy(calls_); }
 
   private:
-    mutable std::mutex mutex_;
-    std::map<std::string, std::deque<int>> results_;
-    std::vector<Call> calls_;
-    ScopedSeamOverride<RttProbe> scope_{rttProbeSeam(), *this};
+    template <typename T>
+    T copy(const T& member) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return member;
+    }
+
+    std::mutex mutex_;
+    std::map<std::string, int> rssi_;
+    std::map<std::string, std::deque<int>> rtts_;
+    int starts_ = 0;
+    std::vector<std::string> queries_, calls_;
+    ScopedSeamOverride<StationSource> station_{stationSourceSeam(), *this};
+    ScopedSeamOverride<RttProbe> probe_{rttProbeSeam(), *this};
 };
 
 }  // namespace vekt::test
