@@ -254,6 +254,18 @@ bool LabServer::listenAndServe(const NetNamespace& ns, const std::string& addres
     return true;
 }
 
+unique_fd LabServer::acceptFrom(std::string* address, uint16_t* port) {
+    struct sockaddr_in from = {};
+    socklen_t length = sizeof(from);
+    unique_fd connection(accept4(listener_.get(), reinterpret_cast<struct sockaddr*>(&from),
+                                 &length, SOCK_CLOEXEC));
+    char text[INET_ADDRSTRLEN] = {};
+    inet_ntop(AF_INET, &from.sin_addr, text, sizeof(text));
+    *address = text;
+    *port = ntohs(from.sin_port);
+    return connection;
+}
+
 bool LabServer::waitReadable(std::vector<struct pollfd>* fds) {
     fds->push_back({stopRead_.get(), POLLIN, 0});
     const int ready = poll(fds->data(), fds->size(), -1);
@@ -278,13 +290,10 @@ void SourceAddressServer::serve() {
         std::vector<struct pollfd> fds = {{listener_.get(), POLLIN, 0}};
         if (!waitReadable(&fds)) return;
         if ((fds[0].revents & POLLIN) == 0) continue;
-        struct sockaddr_in from = {};
-        socklen_t length = sizeof(from);
-        unique_fd connection(accept4(listener_.get(), reinterpret_cast<struct sockaddr*>(&from),
-                                     &length, SOCK_CLOEXEC));
+        uint16_t port = 0;
+        std::string text;
+        unique_fd connection = acceptFrom(&text, &port);
         if (!connection.ok()) continue;
-        char text[INET_ADDRSTRLEN] = {};
-        inet_ntop(AF_INET, &from.sin_addr, text, sizeof(text));
         {
             std::lock_guard<std::mutex> lock(mutex_);
             sources_.push_back(text);
@@ -296,7 +305,7 @@ void SourceAddressServer::serve() {
         char c = 0;
         while (read(connection.get(), &c, 1) == 1 && c != '\n') {
         }
-        if (c == '\n') writeAll(connection.get(), std::string(text) + "\n");
+        if (c == '\n') writeAll(connection.get(), text + "\n");
         if (holdConnections_) held.push_back(std::move(connection));
     }
 }
@@ -350,19 +359,15 @@ void ProbeAnswerServer::serve() {
             clients.erase(clients.begin() + static_cast<ptrdiff_t>(i));
         }
         if ((fds[0].revents & POLLIN) == 0) continue;
-        struct sockaddr_in from = {};
-        socklen_t length = sizeof(from);
-        unique_fd connection(accept4(listener_.get(), reinterpret_cast<struct sockaddr*>(&from),
-                                     &length, SOCK_CLOEXEC));
+        uint16_t port = 0;
+        std::string text;
+        unique_fd connection = acceptFrom(&text, &port);
         if (!connection.ok()) continue;
-        char text[INET_ADDRSTRLEN] = {};
-        inet_ntop(AF_INET, &from.sin_addr, text, sizeof(text));
         size_t index = 0;
         {
             std::lock_guard<std::mutex> lock(mutex_);
             index = served_.size();
-            served_.push_back(
-                {std::string(text) + ":" + std::to_string(ntohs(from.sin_port)), monotonicMs()});
+            served_.push_back({text + ":" + std::to_string(port), monotonicMs()});
         }
         clients.push_back({std::move(connection), 0, index});
     }

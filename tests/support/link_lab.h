@@ -106,6 +106,8 @@ class LabServer {
     // Waits on fds (given room for one more) and the stop pipe; false once the thread is
     // to end.
     bool waitReadable(std::vector<struct pollfd>* fds);
+    // Accepts one client, with its address and port.
+    android::base::unique_fd acceptFrom(std::string* address, uint16_t* port);
 
     android::base::unique_fd listener_;
 
