@@ -108,25 +108,6 @@ bool NL80211NestedAttr::AddAttribute(const BaseNL80211Attr& attribute) {
     return true;
 }
 
-bool NL80211NestedAttr::FindInPayload(int id, std::vector<uint8_t>* found) const {
-    if (data_.size() < kHeaderSize) return false;
-    uint8_t* start = nullptr;
-    uint8_t* end = nullptr;
-    if (!GetAttributeImpl(data_.data() + kHeaderSize, data_.size() - kHeaderSize, id, &start,
-                          &end)) {
-        return false;
-    }
-    found->assign(start, end);
-    return true;
-}
-
-bool NL80211NestedAttr::GetAttribute(int id, NL80211NestedAttr* attribute) const {
-    std::vector<uint8_t> found;
-    if (!FindInPayload(id, &found)) return false;
-    *attribute = NL80211NestedAttr(found);
-    return attribute->IsValid();
-}
-
 bool NL80211NestedAttr::GetListOfNestedAttributes(
     std::vector<NL80211NestedAttr>* attributes) const {
     if (data_.size() < 2 * kHeaderSize) return false;

@@ -94,22 +94,20 @@ class NL80211Attr<std::string> : public BaseNL80211Attr {
     std::string GetValue() const;
 };
 
-class NL80211NestedAttr : public BaseNL80211Attr {
+class NL80211NestedAttr;
+
+// The typed getters of whatever holds attributes behind a header of its own: a nest behind
+// its attribute header, a packet behind its netlink and generic netlink headers. Holder
+// names that header's size as kAttributesOffset and gives its bytes by GetConstData().
+template <typename Holder>
+class AttributeGetters {
   public:
-    // An empty nest: nla_len 4, nla_type id (NLA_F_NESTED is not set).
-    explicit NL80211NestedAttr(int id);
-    explicit NL80211NestedAttr(const std::vector<uint8_t>& data) : BaseNL80211Attr(data) {}
-
-    // Appends an attribute to the nest; false (nothing appended) when nla_len would overflow.
-    [[nodiscard]] bool AddAttribute(const BaseNL80211Attr& attribute);
-
-    // The first attribute of type id inside the nest, copied into attribute; its IsValid().
-    bool GetAttribute(int id, NL80211NestedAttr* attribute) const;
-    template <typename T>
-    bool GetAttribute(int id, NL80211Attr<T>* attribute) const {
+    // The first attribute of type id, copied into attribute; its IsValid().
+    template <typename Attribute>
+    bool GetAttribute(int id, Attribute* attribute) const {
         std::vector<uint8_t> found;
-        if (!FindInPayload(id, &found)) return false;
-        *attribute = NL80211Attr<T>(found);
+        if (!FindAttribute(id, &found)) return false;
+        *attribute = Attribute(found);
         return attribute->IsValid();
     }
     template <typename T>
@@ -120,12 +118,36 @@ class NL80211NestedAttr : public BaseNL80211Attr {
         return true;
     }
 
+  private:
+    bool FindAttribute(int id, std::vector<uint8_t>* found) const {
+        const std::vector<uint8_t>& data = static_cast<const Holder*>(this)->GetConstData();
+        const size_t offset = Holder::kAttributesOffset;
+        uint8_t* start = nullptr;
+        uint8_t* end = nullptr;
+        if (data.size() < offset ||
+            !BaseNL80211Attr::GetAttributeImpl(data.data() + offset, data.size() - offset, id,
+                                               &start, &end)) {
+            return false;
+        }
+        found->assign(start, end);
+        return true;
+    }
+};
+
+class NL80211NestedAttr : public BaseNL80211Attr, public AttributeGetters<NL80211NestedAttr> {
+  public:
+    static constexpr size_t kAttributesOffset = kHeaderSize;
+
+    // An empty nest: nla_len 4, nla_type id (NLA_F_NESTED is not set).
+    explicit NL80211NestedAttr(int id);
+    explicit NL80211NestedAttr(const std::vector<uint8_t>& data) : BaseNL80211Attr(data) {}
+
+    // Appends an attribute to the nest; false (nothing appended) when nla_len would overflow.
+    [[nodiscard]] bool AddAttribute(const BaseNL80211Attr& attribute);
+
     // Every attribute inside the nest, each as a nest of its own (the usual shape of a list:
     // one nest per entry). False when a sub-attribute is broken or invalid.
     bool GetListOfNestedAttributes(std::vector<NL80211NestedAttr>* attributes) const;
-
-  private:
-    bool FindInPayload(int id, std::vector<uint8_t>* found) const;
 };
 
 }  // namespace wificond

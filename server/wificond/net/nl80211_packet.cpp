@@ -15,9 +15,11 @@ namespace {
 static_assert(sizeof(nlmsghdr) == 16, "nlmsghdr is len, type, flags, seq, pid");
 static_assert(sizeof(genlmsghdr) == 4, "genlmsghdr is cmd, version, reserved");
 static_assert(NLMSG_HDRLEN == 16 && GENL_HDRLEN == 4, "headers need no padding");
+static_assert(NL80211Packet::kAttributesOffset == NLMSG_HDRLEN + GENL_HDRLEN,
+              "attributes follow both headers");
 
 constexpr size_t kNetlinkHeaderSize = sizeof(nlmsghdr);
-constexpr size_t kHeadersSize = NLMSG_HDRLEN + GENL_HDRLEN;
+constexpr size_t kHeadersSize = NL80211Packet::kAttributesOffset;
 // Message types from here up belong to families; below are the netlink control types.
 constexpr uint16_t kFirstFamilyType = NLMSG_MIN_TYPE;
 static_assert(NLMSG_MIN_TYPE == 16, "family message types start at 16");
@@ -100,25 +102,6 @@ void NL80211Packet::AddAttribute(const BaseNL80211Attr& attribute) {
     const uint32_t length = ReadField<uint32_t>(data_, offsetof(nlmsghdr, nlmsg_len)) +
                             static_cast<uint32_t>(bytes.size());
     memcpy(data_.data() + offsetof(nlmsghdr, nlmsg_len), &length, sizeof(length));
-}
-
-bool NL80211Packet::FindAttribute(int id, std::vector<uint8_t>* found) const {
-    if (data_.size() < kHeadersSize) return false;
-    uint8_t* start = nullptr;
-    uint8_t* end = nullptr;
-    if (!BaseNL80211Attr::GetAttributeImpl(data_.data() + kHeadersSize, data_.size() - kHeadersSize,
-                                           id, &start, &end)) {
-        return false;
-    }
-    found->assign(start, end);
-    return true;
-}
-
-bool NL80211Packet::GetAttribute(int id, NL80211NestedAttr* attribute) const {
-    std::vector<uint8_t> found;
-    if (!FindAttribute(id, &found)) return false;
-    *attribute = NL80211NestedAttr(found);
-    return attribute->IsValid();
 }
 
 }  // namespace wificond

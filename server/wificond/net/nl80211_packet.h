@@ -17,8 +17,11 @@ namespace wificond {
 // the headers its type needs are there and nlmsg_len fits in length. Logs why not.
 bool IsValidNetlinkMessage(const uint8_t* bytes, size_t length);
 
-class NL80211Packet {
+class NL80211Packet : public AttributeGetters<NL80211Packet> {
   public:
+    // The attributes follow the netlink and the generic netlink headers.
+    static constexpr size_t kAttributesOffset = 16 + 4;
+
     // A request: nlmsg_len 20, NLM_F_REQUEST, generic netlink version 1, no attributes.
     NL80211Packet(uint16_t type, uint8_t command, uint32_t sequence, uint32_t pid);
     // Received bytes, as they are.
@@ -36,26 +39,7 @@ class NL80211Packet {
     // Appends the attribute's (already padded) bytes and grows nlmsg_len by their count.
     void AddAttribute(const BaseNL80211Attr& attribute);
 
-    // The first attribute of type id after the headers, copied into attribute; its IsValid().
-    bool GetAttribute(int id, NL80211NestedAttr* attribute) const;
-    template <typename T>
-    bool GetAttribute(int id, NL80211Attr<T>* attribute) const {
-        std::vector<uint8_t> found;
-        if (!FindAttribute(id, &found)) return false;
-        *attribute = NL80211Attr<T>(found);
-        return attribute->IsValid();
-    }
-    template <typename T>
-    bool GetAttributeValue(int id, T* value) const {
-        NL80211Attr<T> attribute{std::vector<uint8_t>()};
-        if (!GetAttribute(id, &attribute)) return false;
-        *value = attribute.GetValue();
-        return true;
-    }
-
   private:
-    bool FindAttribute(int id, std::vector<uint8_t>* found) const;
-
     std::vector<uint8_t> data_;
 };
 
