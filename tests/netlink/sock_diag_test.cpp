@@ -16,38 +16,22 @@
 
 #include "base/socket_owner.h"
 #include "netlink/kill_sockets.h"
+#include "support/wire_bytes.h"
 #include "vekt_host/log_capture.h"
 
 namespace android::net {
 namespace {
 
 using android::base::unique_fd;
-using Bytes = std::vector<uint8_t>;
+using vekt::test::Bytes;
+using vekt::test::bytesOf;
+using vekt::test::hex;
+using vekt::test::operator+;
 using Lines = std::vector<std::string>;
 using vekt::host::LogCapture;
 
 constexpr const char* kTag = "SLM-Vekt-SockDiag";
 constexpr uint16_t kRtmNewLink = 16;
-
-Bytes hex(const std::string& text) {
-    Bytes bytes;
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == ' ') continue;
-        bytes.push_back(static_cast<uint8_t>(std::stoul(text.substr(i++, 2), nullptr, 16)));
-    }
-    return bytes;
-}
-
-Bytes operator+(Bytes head, const Bytes& tail) {
-    head.insert(head.end(), tail.begin(), tail.end());
-    return head;
-}
-
-template <typename T>
-Bytes bytesOf(const T& value) {
-    const auto* p = reinterpret_cast<const uint8_t*>(&value);
-    return Bytes(p, p + sizeof(value));
-}
 
 Bytes padded(Bytes bytes) {
     bytes.resize((bytes.size() + 3) & ~size_t{3});

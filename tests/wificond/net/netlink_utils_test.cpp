@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "base/socket_owner.h"
+#include "support/wire_bytes.h"
 #include "vekt_host/log_capture.h"
 #include "wificond/net/nl80211_attribute.h"
 #include "wificond/net/nl80211_packet.h"
@@ -48,7 +49,10 @@ class NetlinkUtilsTestPeer {
 namespace {
 
 using android::base::unique_fd;
-using Bytes = std::vector<uint8_t>;
+using vekt::test::Bytes;
+using vekt::test::bytesOf;
+using vekt::test::hex;
+using vekt::test::operator+;
 using Datagrams = std::vector<Bytes>;
 using Lines = std::vector<std::string>;
 using vekt::host::LogCapture;
@@ -57,25 +61,6 @@ using std::chrono::milliseconds;
 
 constexpr const char* kTag = "slm-netlink";
 constexpr uint16_t kFamily = 0x1c;
-
-Bytes hex(const std::string& text) {
-    Bytes bytes;
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != ' ') bytes.push_back(std::stoul(text.substr(i++, 2), nullptr, 16));
-    }
-    return bytes;
-}
-
-Bytes operator+(Bytes head, const Bytes& tail) {
-    head.insert(head.end(), tail.begin(), tail.end());
-    return head;
-}
-
-template <typename T>
-Bytes bytesOf(const T& value) {
-    const auto* p = reinterpret_cast<const uint8_t*>(&value);
-    return Bytes(p, p + sizeof(value));
-}
 
 // A message as the kernel sends it: the netlink header, then the body.
 Bytes message(uint16_t type, uint32_t sequence, const Bytes& body, uint16_t flags = 0) {

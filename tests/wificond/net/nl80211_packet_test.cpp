@@ -7,25 +7,19 @@
 #include <string>
 #include <vector>
 
+#include "support/wire_bytes.h"
 #include "vekt_host/log_capture.h"
 #include "wificond/net/nl80211_attribute.h"
 
 namespace android::wificond {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using vekt::test::Bytes;
+using vekt::test::hex;
 using Lines = std::vector<std::string>;
 using vekt::host::LogCapture;
 
 constexpr const char* kTag = "slm-netlink";
-
-Bytes hex(const std::string& text) {
-    Bytes bytes;
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != ' ') bytes.push_back(std::stoul(text.substr(i++, 2), nullptr, 16));
-    }
-    return bytes;
-}
 
 TEST(NL80211AttributeTest, BuildersPadAndReadersCheckTheWidthAndDropTrailingNuls) {
     EXPECT_EQ(NL80211Attr<uint16_t>(1, 0x1234).GetConstData(), hex("0600 0100 3412 0000"));
