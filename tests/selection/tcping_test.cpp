@@ -4,7 +4,6 @@
 #include "selection/tcping.h"
 
 #include <android-base/unique_fd.h>
-#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -19,141 +18,106 @@
 #include <string>
 #include <thread>
 
-#include "base/socket_owner.h"
 #include "support/parameters_fixture.h"
 
 namespace {
 
 using android::base::unique_fd;
 
-constexpr int kRequestBytes = 58;
-constexpr int kAnswerBytes = 60;
+sockaddr_in loopbackAddress(uint16_t port) {
+    return {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+}
 
 // A listening socket on 127.0.0.1 and an ephemeral port.
 unique_fd listenOnLoopback(int backlog, uint16_t* port) {
     unique_fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in addr = loopbackAddress(0);
     socklen_t length = sizeof(addr);
-    if (!fd.ok() || bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
-        listen(fd, backlog) != 0 ||
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), length) != 0 || listen(fd, backlog) != 0 ||
         getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &length) != 0) {
         ADD_FAILURE() << "loopback listener: " << strerror(errno);
-        return unique_fd();
     }
     *port = ntohs(addr.sin_port);
     return fd;
 }
 
-// Serves one connection: either answers every 58-byte request with 60 bytes until the
-// client closes, or accepts and closes at once. Gives up after a few seconds without a
-// client so that a broken probe fails the test instead of hanging it.
-class LoopbackServer {
-public:
-    enum class Mode { kAnswer, kAcceptAndClose };
-
-    explicit LoopbackServer(Mode mode) : listener_(listenOnLoopback(1, &port_)) {
-        thread_ = std::thread([this, mode] { serve(mode); });
+// Serves one connection: answers every 58-byte request with 60 bytes until the client
+// closes, or (answer false) accepts and closes at once. Gives up after 5 s without a client,
+// so that a broken probe fails the test instead of hanging it.
+struct LoopbackServer {
+    explicit LoopbackServer(bool answer) {
+        thread = std::thread([this, answer] {
+            pollfd pfd = {listener.get(), POLLIN, 0};
+            if (poll(&pfd, 1, 5000) != 1) return;
+            unique_fd client(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+            const timeval limit = {5, 0};
+            setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+            char request[58], reply[60] = {};
+            while (answer && recv(client, request, 58, MSG_WAITALL) == 58 &&
+                   send(client, reply, 60, MSG_NOSIGNAL) == 60) {
+                ++answered;
+            }
+        });
     }
-    ~LoopbackServer() { join(); }
-
-    uint16_t port() const { return port_; }
+    ~LoopbackServer() { finish(); }
     // Requests answered, once the connection is over.
-    int answered() {
-        join();
-        return answered_.load();
+    int finish() {
+        if (thread.joinable()) thread.join();
+        return answered;
     }
 
-private:
-    void join() {
-        if (thread_.joinable()) thread_.join();
-    }
-
-    void serve(Mode mode) {
-        pollfd pfd = {listener_.get(), POLLIN, 0};
-        if (poll(&pfd, 1, 5000) != 1) return;
-        unique_fd client(accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC));
-        if (!client.ok() || mode == Mode::kAcceptAndClose) return;
-        timeval limit = {5, 0};
-        setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-        char request[kRequestBytes];
-        char answer[kAnswerBytes];
-        memset(answer, 'x', sizeof(answer));
-        while (recv(client, request, sizeof(request), MSG_WAITALL) == kRequestBytes) {
-            if (send(client, answer, sizeof(answer), MSG_NOSIGNAL) != kAnswerBytes) return;
-            answered_.fetch_add(1);
-        }
-    }
-
-    uint16_t port_ = 0;
-    unique_fd listener_;
-    std::atomic<int> answered_{0};
-    std::thread thread_;
+    uint16_t port = 0;
+    unique_fd listener = listenOnLoopback(1, &port);
+    std::atomic<int> answered{0};
+    std::thread thread;
 };
 
-bool hasLineStartingWith(const vekt::host::LogCapture& log, const std::string& prefix) {
-    for (const std::string& text : log.texts("SLM-Vekt-Tcping")) {
-        if (text.compare(0, prefix.size(), prefix) == 0) return true;
-    }
-    return false;
-}
-
 class TcpingTest : public vekt::test::ParametersTest {
-protected:
-    // The record as the probe thread fills it: server and port from the settings.
-    tcping_info probeTo(uint16_t port, const char* device = "lo") {
-        params()->m_rttServerPort = port;
+  protected:
+    // Runs a probe as the probe thread fills its record: server and port from the settings.
+    int probe(uint16_t port, int offsetMs = 0, const char* device = "lo") {
         server_ = params()->m_rttServer.get();
-        tcping_info info = {};
-        info.device = device;
-        info.server = server_.c_str();
-        info.probeCount = 1;
-        info.minCapMs = params()->m_rttMinCapMs.load();
-        info.port = static_cast<uint16_t>(params()->m_rttServerPort.load());
-        return info;
+        info_ = {0, {}, device, server_.c_str(), 1, params()->m_rttMinCapMs, info_.rtt, port};
+        return Tcping::updateTcpingRtt(&info_, offsetMs);
+    }
+    // Whether a Tcping log line holds text.
+    bool logged(const std::string& text) const {
+        for (const std::string& line : log_.texts("SLM-Vekt-Tcping")) {
+            if (line.find(text) != std::string::npos) return true;
+        }
+        return false;
     }
 
     std::string server_;
+    tcping_info info_ = {};
 };
 
 TEST_F(TcpingTest, AnsweringServerGivesTenExchangesAndTheKernelsSmoothedRtt) {
     ASSERT_EQ(params()->m_rttServer.get(), "127.0.0.1");  // the host build never probes out
-    LoopbackServer server(LoopbackServer::Mode::kAnswer);
-    tcping_info info = probeTo(server.port());
-    constexpr int kOffsetMs = 7;
+    LoopbackServer server(true);
+    const int rtt = probe(server.port, 7);
 
-    const int rtt = Tcping::updateTcpingRtt(&info, kOffsetMs);
-
-    EXPECT_EQ(server.answered(), 10);
+    EXPECT_EQ(server.finish(), 10);
     // Loopback's smoothed RTT is microseconds: 0 ms, well under the cap; the offset is added.
-    EXPECT_GE(rtt, kOffsetMs);
-    EXPECT_LE(rtt, kOffsetMs + info.minCapMs);
-    EXPECT_EQ(info.rtt, rtt);
-    EXPECT_EQ(info.sockfd, -1);
-    EXPECT_EQ(info.serverAddr.sin_family, AF_INET);
-    EXPECT_EQ(info.serverAddr.sin_port, htons(server.port()));
-    EXPECT_EQ(info.serverAddr.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
-    EXPECT_TRUE(log_.contains("TCPing cacla rtt is " + std::to_string(rtt) + ",device is lo"));
+    EXPECT_GE(rtt, 7);
+    EXPECT_LE(rtt, 7 + info_.minCapMs);
+    EXPECT_EQ(info_.rtt, rtt);
+    EXPECT_EQ(info_.sockfd, -1);
+    const sockaddr_in expected = loopbackAddress(server.port);
+    EXPECT_EQ(memcmp(&info_.serverAddr, &expected, sizeof(expected)), 0);
+    EXPECT_TRUE(logged("TCPing cacla rtt is " + std::to_string(rtt) + ",device is lo"));
 }
 
 TEST_F(TcpingTest, ServerThatAcceptsAndClosesGivesNoExchangeAndMinusOne) {
-    LoopbackServer server(LoopbackServer::Mode::kAcceptAndClose);
-    tcping_info info = probeTo(server.port());
-    info.rtt = 33;
-
-    EXPECT_EQ(Tcping::updateTcpingRtt(&info, 7), -1);
-
-    EXPECT_EQ(server.answered(), 0);
-    EXPECT_EQ(info.rtt, 33);  // a failed probe leaves the last result
-    EXPECT_EQ(info.sockfd, -1);
+    LoopbackServer server(false);
+    info_.rtt = 33;
+    EXPECT_EQ(probe(server.port, 7), -1);
+    EXPECT_EQ(server.finish(), 0);
+    EXPECT_EQ(info_.rtt, 33);  // a failed probe leaves the last result
+    EXPECT_EQ(info_.sockfd, -1);
     // errno is ECONNRESET or 0 (the peer's FIN), depending on which reached us first.
-    EXPECT_TRUE(hasLineStartingWith(log_, "recieve failed -1,device is lo(errno "));
-    bool countedNone = false;
-    for (const std::string& text : log_.texts("SLM-Vekt-Tcping")) {
-        if (text.find(", errno count 0)") != std::string::npos) countedNone = true;
-    }
-    EXPECT_TRUE(countedNone);
+    EXPECT_TRUE(logged("recieve failed -1,device is lo(errno "));
+    EXPECT_TRUE(logged(", errno count 0)"));
 }
 
 // A listener whose accept queue is full drops every further SYN without an answer, which
@@ -162,89 +126,57 @@ TEST_F(TcpingTest, ServerThatAcceptsAndClosesGivesNoExchangeAndMinusOne) {
 TEST_F(TcpingTest, SilentServerCostsTheConnectTimeoutAndGivesMinusOne) {
     uint16_t port = 0;
     unique_fd listener = listenOnLoopback(0, &port);  // backlog 0: one queued connection
-    ASSERT_TRUE(listener.ok());
     unique_fd filler(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(port);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(connect(filler, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+    const sockaddr_in addr = loopbackAddress(port);
+    ASSERT_EQ(connect(filler, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)), 0);
     pollfd queued = {listener.get(), POLLIN, 0};
     ASSERT_EQ(poll(&queued, 1, 2000), 1) << "the filler never reached the accept queue";
 
-    tcping_info info = probeTo(port);
     const auto start = std::chrono::steady_clock::now();
-    const int rtt = Tcping::updateTcpingRtt(&info, 0);
-    const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
-        std::chrono::steady_clock::now() - start);
-
-    EXPECT_EQ(rtt, -1);
-    EXPECT_GE(elapsed.count(), 450);
-    EXPECT_LT(elapsed.count(), 2000);
-    EXPECT_TRUE(hasLineStartingWith(log_, " retrying_poll : "));
-    bool timedOut = false;
-    for (const std::string& text : log_.texts("SLM-Vekt-Tcping")) {
-        if (text.find(" retrying_poll timeout") != std::string::npos) timedOut = true;
-    }
-    EXPECT_TRUE(timedOut);
-    EXPECT_TRUE(log_.contains("connect failed of client,device is lo!"));
-    RecordProperty("silent_probe_ms", static_cast<int>(elapsed.count()));
+    EXPECT_EQ(probe(port), -1);
+    const auto elapsedMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                               std::chrono::steady_clock::now() - start)
+                               .count();
+    EXPECT_GE(elapsedMs, 450);
+    EXPECT_LT(elapsedMs, 2000);
+    EXPECT_TRUE(logged(" retrying_poll : ") && logged(" retrying_poll timeout"));
+    EXPECT_TRUE(logged("connect failed of client,device is lo!"));
+    RecordProperty("silent_probe_ms", static_cast<int>(elapsedMs));
 }
 
-TEST_F(TcpingTest, RefusedConnectionFailsAtOnceThroughThePendingError) {
+TEST_F(TcpingTest, RefusedConnectionFailsAtOnceAndAMissingInterfaceNeverConnects) {
     uint16_t port = 0;
-    { unique_fd closed = listenOnLoopback(1, &port); }  // the port is free again, nobody listens
-    tcping_info info = probeTo(port);
+    listenOnLoopback(1, &port);  // closed at once: the port is free again, nobody listens
+    EXPECT_EQ(probe(port), -1);
+    EXPECT_TRUE(logged(" retrying_poll getsockopt failed"));  // the pending error
+    EXPECT_TRUE(logged("connect failed of client,device is lo!"));
 
-    EXPECT_EQ(Tcping::updateTcpingRtt(&info, 0), -1);
-
-    bool pendingError = false;
-    for (const std::string& text : log_.texts("SLM-Vekt-Tcping")) {
-        if (text.find(" retrying_poll getsockopt failed") != std::string::npos) pendingError = true;
-    }
-    EXPECT_TRUE(pendingError);
-    EXPECT_TRUE(log_.contains("connect failed of client,device is lo!"));
-}
-
-TEST_F(TcpingTest, MissingInterfaceFailsTheBindAndNeverConnects) {
-    uint16_t port = 0;
+    log_.clear();
     unique_fd listener = listenOnLoopback(1, &port);
-    tcping_info info = probeTo(port, "vektnoif0");
-
-    EXPECT_EQ(Tcping::updateTcpingRtt(&info, 0), -1);
-
-    EXPECT_TRUE(log_.contains("Set interface vektnoif0 failed."));
-    EXPECT_FALSE(hasLineStartingWith(log_, "connect failed"));
-    EXPECT_EQ(info.sockfd, -1);
+    EXPECT_EQ(probe(port, 0, "vektnoif0"), -1);
+    EXPECT_TRUE(logged("Set interface vektnoif0 failed."));
+    EXPECT_FALSE(logged("connect failed"));
+    EXPECT_EQ(info_.sockfd, -1);
 }
 
 TEST_F(TcpingTest, ConnectWithTimeoutRestoresBlockingMode) {
     uint16_t port = 0;
     unique_fd listener = listenOnLoopback(1, &port);
     unique_fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(port);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-
-    const int ret = Tcping::connect_with_timeout(fd, reinterpret_cast<sockaddr*>(&addr),
-                                                 sizeof(addr), timespec{0, 500000000L});
-
-    EXPECT_GE(ret, 0);
+    const sockaddr_in addr = loopbackAddress(port);
+    EXPECT_GE(Tcping::connect_with_timeout(fd, reinterpret_cast<const sockaddr*>(&addr),
+                                           sizeof(addr), timespec{0, 500000000L}),
+              0);
     EXPECT_EQ(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
 }
 
 TEST(TcpingRandomString, FillsLengthMinusTwoLettersAndDigitsAndTheNul) {
-    char buffer[60] = {};
+    char buffer[61] = "????????????????????????????????????????????????????????????";
     EXPECT_EQ(Tcping::genRandomString(60, buffer), 0);
-    EXPECT_EQ(strlen(buffer), 58u);
-    for (int i = 0; i < 58; ++i) {
-        const char c = buffer[i];
-        EXPECT_TRUE((c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'))
-            << "position " << i << " holds " << static_cast<int>(c);
-    }
-    EXPECT_EQ(buffer[59], '\0');
-
+    // 58 letters and digits; the byte before the NUL at 59 is left as it was.
+    EXPECT_EQ(strspn(buffer, "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"),
+              58u);
+    EXPECT_EQ(std::string(buffer + 58), "?");
     char shortBuffer[2] = {'?', '?'};
     EXPECT_EQ(Tcping::genRandomString(2, shortBuffer), 0);
     EXPECT_EQ(shortBuffer[0], '?');  // below 3 only the NUL is written
