@@ -57,22 +57,20 @@ std::map<std::string, SavedTable> parseSave(const std::string& text) {
     return tables;
 }
 
-std::vector<std::string> daemonChains(const SavedTable& table) {
-    std::vector<std::string> chains;
-    for (const std::string& chain : table.chains) {
-        if (chain.rfind("tarn_", 0) == 0) chains.push_back(chain);
-    }
-    return chains;
+// The entries that start with prefix: the daemon's chains ("tarn_") or, over `ip rule`'s
+// lines, the policy-routing rules at its priority ("14999:").
+std::vector<std::string> startingWith(const std::vector<std::string>& entries,
+                                      const std::string& prefix) {
+    std::vector<std::string> found;
+    for (const std::string& entry : entries)
+        if (entry.rfind(prefix, 0) == 0) found.push_back(entry);
+    return found;
 }
-
-// Policy-routing rules at the daemon's priority, as `ip rule` prints them.
-std::vector<std::string> daemonRoutingRules(const std::string& text) {
-    std::vector<std::string> rules;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.rfind("14999:", 0) == 0) rules.push_back(line);
-    }
-    return rules;
+std::vector<std::string> routingRules(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return startingWith(lines, "14999:");
 }
 
 // The rule set is built with commands that may be rejected without harm, and only those
@@ -82,25 +80,22 @@ struct HarmlessFailure {
     const char* command;  // regular expression over the whole logged command
 };
 const HarmlessFailure kHarmlessFailures[] = {
-    // A chain created again over an earlier run's: it is flushed next and reused.
+    // Start-up: a chain created again over an earlier run's (flushed next and reused); hooks
+    // deleted before they are added, so a restart never doubles them; the nat chain flushed
+    // before it is created; an earlier run's routing rule for the mark dropped before the
+    // new one is added.
     {false, R"(iptables -w -t (mangle|nat) -N \S+)"},
-    // Hooks are deleted before they are added, so a restart never doubles them; a namespace
-    // without an earlier run has none to delete.
     {false, "iptables -w -t mangle -D OUTPUT -j tarn_SLM_wapper"},
     {false, "iptables -w -t nat -D POSTROUTING -j tarn_nat_POSTROUTING_SLM"},
-    // The nat chain is flushed before it is created.
     {false, "iptables -w -t nat -F tarn_nat_POSTROUTING_SLM"},
-    // An earlier run's routing rule for the mark is dropped before the new one is added.
     {false, R"(ip -4 rule del fwmark 0x[0-9a-f]+/0x0CE00000 prio 14999)"},
-    // The per-interface removals run after the fixed chains are gone: their flush of the
-    // ratio chain and their delete in the nat chain find nothing.
+    // Teardown: the per-interface removals run after the fixed chains are gone (their flush
+    // of the ratio chain and their delete in the nat chain find nothing); removal treats
+    // every link as gated, but a Wi-Fi link neither metered nor a slave has no gate; and
+    // selection chains exist only while selection, gaming or VoIP runs, none here.
     {true, "iptables -w -t mangle -F tarn_SLA"},
     {true, R"(iptables -w -t nat -D tarn_nat_POSTROUTING_SLM -o \S+ -j MASQUERADE)"},
-    // Removal treats every link as having a gate chain; a Wi-Fi link that is neither metered
-    // nor a slave has none.
     {true, "iptables -w -t mangle -[FX] tarn_fw_wlan0_wrapper"},
-    // Selection chains exist only while selection, gaming or VoIP runs, and none does here;
-    // their jump in tarn_SLS went with the fixed chains in any case.
     {true, R"(iptables -w -t mangle -D tarn_SLS -j tarn_sls_uid_\S+)"},
     {true, R"(iptables -w -t mangle -[FX] tarn_sls_(uid_)?\S+)"},
 };
@@ -182,12 +177,12 @@ protected:
         std::map<std::string, SavedTable> save = parseSave(saveText);
         SavedTable& mangle = save["mangle"];
         SavedTable& nat = save["nat"];
-        EXPECT_THAT(daemonChains(mangle),
+        EXPECT_THAT(startingWith(mangle.chains, "tarn_"),
                     UnorderedElementsAre("tarn_SLM", "tarn_SLA", "tarn_SLS", "tarn_SLM_wapper",
                                          "tarn_fw_wlan0", "tarn_fw_rmnet_data0",
                                          "tarn_fw_rmnet_data0_wrapper"))
             << saveText;
-        EXPECT_THAT(daemonChains(nat), ElementsAre("tarn_nat_POSTROUTING_SLM")) << saveText;
+        EXPECT_THAT(startingWith(nat.chains, "tarn_"), ElementsAre("tarn_nat_POSTROUTING_SLM")) << saveText;
         EXPECT_THAT(mangle.rules["OUTPUT"], ElementsAre("-j tarn_SLM_wapper"));
         EXPECT_THAT(nat.rules["POSTROUTING"], ElementsAre("-j tarn_nat_POSTROUTING_SLM"));
         EXPECT_THAT(mangle.rules["tarn_SLM"],
@@ -198,29 +193,25 @@ protected:
         EXPECT_THAT(nat.rules["tarn_nat_POSTROUTING_SLM"],
                     UnorderedElementsAre("-o wlan0 -j MASQUERADE", "-o rmnet_data0 -j MASQUERADE"));
 
-        std::vector<std::string> expectedRoutes;
-        std::vector<std::string> marks;
-        for (const auto& [name, table] : {std::pair<std::string, int>{"wlan0", 1001},
-                                          std::pair<std::string, int>{"rmnet_data0", 1002}}) {
-            const std::vector<std::string>& rules = mangle.rules["tarn_fw_" + name];
+        // Each link's mark chain, and a routing rule that sends its mark to its table.
+        std::vector<std::string> routes;
+        for (const auto& [name, table] : {std::pair{"wlan0", "1001"}, {"rmnet_data0", "1002"}}) {
+            const std::vector<std::string>& rules = mangle.rules[std::string("tarn_fw_") + name];
             EXPECT_THAT(rules, ElementsAre(MatchesRegex("-j MARK --set-xmark 0x[0-9a-f]+/0xe00000"),
                                            AllOf(HasSubstr("-j CONNMARK --save-mark"),
                                                  HasSubstr("--ctmask 0xe00000")),
                                            "-j ACCEPT"))
                 << name;
             if (rules.empty()) continue;
-            std::string mark = rules[0].substr(rules[0].find("0x"));
-            mark = mark.substr(0, mark.find('/'));
-            marks.push_back(mark);
-            expectedRoutes.push_back("14999:\tfrom all fwmark " + mark + "/0xce00000 lookup " +
-                                     std::to_string(table));
+            const size_t at = rules[0].find("0x");
+            const std::string mark = rules[0].substr(at, rules[0].find('/') - at);
+            routes.push_back("14999:\tfrom all fwmark " + mark + "/0xce00000 lookup " + table);
         }
-        ASSERT_EQ(marks.size(), 2u);
-        EXPECT_NE(marks[0], marks[1]);
-        EXPECT_THAT(daemonRoutingRules(ipRuleText),
-                    UnorderedElementsAre(expectedRoutes[0], expectedRoutes[1]))
+        ASSERT_EQ(routes.size(), 2u);
+        EXPECT_NE(routes[0].substr(0, routes[0].find('/')),  // the marks differ
+                  routes[1].substr(0, routes[1].find('/')));
+        EXPECT_THAT(routingRules(ipRuleText), UnorderedElementsAre(routes[0], routes[1]))
             << ipRuleText;
-
         const std::string ratio =
             "-p tcp -m state --state NEW -m statistic --mode random "
             "--probability [01]\\.[0-9]+ -j ";
@@ -235,12 +226,10 @@ protected:
         root_.setProperty("vendor.sla.enabled", "2");
         ASSERT_TRUE(waitForText(log(), "Vekt exiting", 5000)) << readWholeFile(log());
         // The daemon idles for good now and keeps the namespace alive until it is killed.
+        // No chain of its own, so no hook either.
         const std::string save = iptablesSave();
         EXPECT_THAT(save, Not(HasSubstr("tarn_"))) << save;
-        std::map<std::string, SavedTable> tables = parseSave(save);
-        EXPECT_THAT(tables["mangle"].rules["OUTPUT"], IsEmpty());
-        EXPECT_THAT(tables["nat"].rules["POSTROUTING"], IsEmpty());
-        EXPECT_THAT(daemonRoutingRules(ipRule()), IsEmpty());
+        EXPECT_THAT(routingRules(ipRule()), IsEmpty());
         EXPECT_THAT(unexpectedFailures(readForwardedCommands(commandLog_)), IsEmpty())
             << readWholeFile(commandLog_);
     }
@@ -253,25 +242,20 @@ protected:
     ControlClient client_;
 };
 
-TEST_F(NetfilterRulesTest, TheWholeTreeLoadsAndIsRemovedAtStop) {
-    ASSERT_TRUE(vekt_.start({binPath("vekt"), "--root", root_.dir()}, log(), true));
-    addLinks();
-    const std::string save = waitForRatioRules();
-    expectFullRuleSet(save, ipRule());
-    stopAndExpectNothingLeft();
-}
-
 // A daemon that died without its cleanup left the whole tree behind; the next one in the
 // same namespace must reuse it without doubling a hook, a routing rule or a masquerade.
-TEST_F(NetfilterRulesTest, ARestartOverAKilledRunsRulesBuildsOneTree) {
-    const std::string nsenter = "/usr/bin/nsenter";
-    if (access(nsenter.c_str(), X_OK) != 0) GTEST_SKIP() << "needs " << nsenter;
+TEST_F(NetfilterRulesTest, TheWholeTreeLoadsIsRebuiltOnceOverAKilledRunAndGoesAtStop) {
     ASSERT_TRUE(vekt_.start({binPath("vekt"), "--root", root_.dir()}, log(), true));
     addLinks();
-    waitForRatioRules();
+    const std::string firstSave = waitForRatioRules();  // before ip rule is read
+    expectFullRuleSet(firstSave, ipRule());
     EXPECT_THAT(unexpectedFailures(readForwardedCommands(commandLog_)), IsEmpty())
         << readWholeFile(commandLog_);
-
+    const std::string nsenter = "/usr/bin/nsenter";
+    if (access(nsenter.c_str(), X_OK) != 0) {
+        stopAndExpectNothingLeft();
+        GTEST_SKIP() << "the restart needs " << nsenter;
+    }
     // The namespace outlives the killed daemon through this descriptor; the next daemon
     // enters it through nsenter, which fails rather than run it anywhere else.
     const std::string nsPath = "/proc/" + std::to_string(vekt_.pid()) + "/ns/net";
@@ -280,11 +264,10 @@ TEST_F(NetfilterRulesTest, ARestartOverAKilledRunsRulesBuildsOneTree) {
     vekt_.kill();
     client_.close();
     root_.writeFile("/netfilter.log", "");  // judge the second run's commands on their own
-    const bool started = vekt_.start(
+    ASSERT_TRUE(vekt_.start(
         {nsenter, "--net=/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(ns.get()),
          binPath("vekt"), "--root", root_.dir()},
-        log(), false);
-    ASSERT_TRUE(started);
+        log(), false));
     addLinks();
     const std::string save = waitForRatioRules();
     ns.reset();  // the second daemon holds the namespace from here on
