@@ -208,10 +208,12 @@ TEST_F(ProbeThreadTest, RemovalAndStopWakeSleepingThreadsAndJoinThem) {
 TEST_F(ProbeThreadTest, RealProbesRateTheLinkAndASwitchResetsGamingSockets) {
     VEKT_REQUIRE_NETNS();
     NetNamespace ns;
-    ProbeAnswerServer server;
     ASSERT_TRUE(ns.ok());
-    ASSERT_TRUE(server.start(ns, "127.0.0.1", 7007));
-    ChildProcess child(ns.forkInside([this] {
+    // Everything starts inside the child: a thread running in this process at the fork
+    // would leave the child a copy that cannot start threads of its own under TSan.
+    ChildProcess child(ns.forkInside([this, &ns] {
+        ProbeAnswerServer server;
+        if (!server.start(ns, "127.0.0.1", 7007)) return 16;
         params()->m_rttServer.set("127.0.0.1");
         params()->m_rttServerPort = 7007;
         params()->m_pingIntervalMs = 20;
@@ -242,7 +244,7 @@ TEST_F(ProbeThreadTest, RealProbesRateTheLinkAndASwitchResetsGamingSockets) {
         return (rated ? 0 : 1) | (chosen ? 0 : 2) | (reset ? 0 : 4) | (prompt ? 0 : 8);
     }));
     // Bits of the child's status: 1 lo not rated 10, 2 lo not chosen, 4 gaming sockets not
-    // reset, 8 finalize slow; 125 it could not enter the namespace.
+    // reset, 8 finalize slow, 16 no probe server; 125 it could not enter the namespace.
     EXPECT_EQ(child.wait(30000), 0);
 }
 
