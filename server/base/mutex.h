@@ -8,6 +8,8 @@
 //                        interfaceMutex)
 //   kSelectionSingleton  creation of the link-selection singleton (it builds probe trackers
 //                        under interfaceMutex)
+//   kMonitorSingleton    creation of a monitor (its constructor starts the thread under the
+//                        monitor's own mutex)
 //   kMonitor             a monitor's own mutex (socket, RSSI, dual Wi-Fi monitors)
 //   kInterface           interfaceMutex: the interface registry and the mark pool
 //   kSlaStats            slaStatsMutex: the aggregation map
@@ -39,6 +41,7 @@ namespace vekt {
 enum class LockLevel : int {
     kParametersSingleton = 2,
     kSelectionSingleton = 5,
+    kMonitorSingleton = 7,
     kMonitor = 10,
     kInterface = 20,
     kSlaStats = 30,

@@ -8,6 +8,7 @@
 
 #include "base/text.h"
 #include "config/interface_info.h"
+#include "monitors/monitor_slot.h"
 #include "monitors/wifi_link_sources.h"
 #include "selection/tcping.h"
 
@@ -15,21 +16,15 @@ std::atomic<bool> DoubleWifiMonitor::isCollectRtt{false};
 
 namespace {
 
-DoubleWifiMonitor* sInstance = nullptr;
-
 constexpr const char kWifiPrefix[] = "wlan";
 
 }  // namespace
 
 DoubleWifiMonitor* DoubleWifiMonitor::instance() {
-    if (sInstance == nullptr) sInstance = new DoubleWifiMonitor();
-    return sInstance;
+    return monitorSlot<DoubleWifiMonitor>().getOrCreate([] { return new DoubleWifiMonitor(); });
 }
 
-void DoubleWifiMonitor::finalize() {
-    delete sInstance;
-    sInstance = nullptr;
-}
+void DoubleWifiMonitor::finalize() { delete monitorSlot<DoubleWifiMonitor>().take(); }
 
 DoubleWifiMonitor::DoubleWifiMonitor() {
     ALOGI("DoubleWifiMonitor enter ");

@@ -34,8 +34,8 @@ struct wifiInfo_t {
 
 class DoubleWifiMonitor {
   public:
-    // Called from the control path only, so creation needs no lock. With two usable Wi-Fi
-    // links the polling thread starts; otherwise the monitor stays idle.
+    // Created once (see monitor_slot.h). With two usable Wi-Fi links the polling thread
+    // starts; otherwise the monitor stays idle.
     static DoubleWifiMonitor* instance();
     // Destroys the monitor if there is one: select status 0, thread woken and joined.
     static void finalize();

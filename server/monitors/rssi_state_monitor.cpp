@@ -9,26 +9,21 @@
 #include <vector>
 
 #include "config/interface_info.h"
+#include "monitors/monitor_slot.h"
 #include "monitors/wifi_link_sources.h"
 #include "netlink/kill_sockets.h"
 
 namespace {
-
-RssiStateMonitor* sInstance = nullptr;
 
 constexpr const char kWifiPrefix[] = "wlan";
 
 }  // namespace
 
 RssiStateMonitor* RssiStateMonitor::instance() {
-    if (sInstance == nullptr) sInstance = new RssiStateMonitor();
-    return sInstance;
+    return monitorSlot<RssiStateMonitor>().getOrCreate([] { return new RssiStateMonitor(); });
 }
 
-void RssiStateMonitor::finalize() {
-    delete sInstance;
-    sInstance = nullptr;
-}
+void RssiStateMonitor::finalize() { delete monitorSlot<RssiStateMonitor>().take(); }
 
 int32_t RssiStateMonitor::rssiPenaltyMs(int rssi) {
     // A failed query counts as a moderately weak link: guessing a good one would keep the

@@ -17,8 +17,7 @@
 
 class RssiStateMonitor {
   public:
-    // Called from the control path only, so creation needs no lock. Creating the monitor
-    // starts its thread.
+    // Created once (see monitor_slot.h); creating the monitor starts its thread.
     static RssiStateMonitor* instance();
     // Destroys the monitor if there is one: gaming sockets destroyed, thread joined.
     static void finalize();

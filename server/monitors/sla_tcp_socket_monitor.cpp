@@ -14,6 +14,7 @@
 
 #include "base/text.h"
 #include "config/parameters.h"
+#include "monitors/monitor_slot.h"
 #include "netlink/sock_diag.h"
 
 namespace {
@@ -47,19 +48,13 @@ constexpr uint32_t kHttpPort = 80;
 constexpr uint32_t kHttpsPort = 443;
 constexpr const char kMappedPrefix[] = "::ffff";
 
-SlaTcpSocketMonitor* sInstance = nullptr;
-
 }  // namespace
 
 SlaTcpSocketMonitor* SlaTcpSocketMonitor::instance() {
-    if (sInstance == nullptr) sInstance = new SlaTcpSocketMonitor();
-    return sInstance;
+    return monitorSlot<SlaTcpSocketMonitor>().getOrCreate([] { return new SlaTcpSocketMonitor(); });
 }
 
-void SlaTcpSocketMonitor::finalize() {
-    delete sInstance;
-    sInstance = nullptr;
-}
+void SlaTcpSocketMonitor::finalize() { delete monitorSlot<SlaTcpSocketMonitor>().take(); }
 
 SlaTcpSocketMonitor::SlaTcpSocketMonitor() {
     {

@@ -30,8 +30,7 @@ class SlaTcpSocketMonitor {
         std::chrono::steady_clock::time_point lastSeen;
     };
 
-    // Called only from the control path, so creation needs no lock. The polling thread
-    // starts paused.
+    // Created once (see monitor_slot.h); the polling thread starts paused.
     static SlaTcpSocketMonitor* instance();
     static void finalize();
 
