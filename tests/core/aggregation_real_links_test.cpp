@@ -19,13 +19,11 @@
 #include "support/daemon_process.h"
 #include "support/link_lab.h"
 #include "support/netfilter_wrappers.h"
-#include "support/netns.h"
 #include "support/temp_root.h"
 
 namespace vekt::test {
 namespace {
 
-constexpr const char* kNsenter = "/usr/bin/nsenter";
 constexpr uid_t kTestUid = 10123;
 constexpr uint16_t kServerPort = 7077;
 constexpr int kConnections = 40;
@@ -70,10 +68,8 @@ struct Scenario {
 class AggregationRealLinksTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        VEKT_REQUIRE_NETNS();
         std::string missing;
-        if (!findNetfilterTools(&tools_, &missing)) GTEST_SKIP() << "needs" << missing;
-        if (access(kNsenter, X_OK) != 0) GTEST_SKIP() << "needs " << kNsenter;
+        if (!canRunOnRealLinks(&tools_, &missing)) GTEST_SKIP() << missing;
     }
 
     std::string log() const { return root_.dir() + "/vekt.log"; }
@@ -93,9 +89,7 @@ class AggregationRealLinksTest : public ::testing::Test {
                                   root_.dir() + "/slasim.log", false));
         ASSERT_TRUE(waitForText(root_.dir() + "/slasim.log", "slasim: ready", 5000));
         // nsenter fails rather than run the daemon anywhere but in the phone namespace.
-        ASSERT_TRUE(vekt_.start(
-            {kNsenter, "--net=" + lab_.phone().path(), binPath("vekt"), "--root", root_.dir()},
-            log(), false));
+        ASSERT_TRUE(vekt_.start(daemonInside(lab_.phone(), root_.dir()), log(), false));
         ASSERT_TRUE(client_.connect(root_.path("/dev/socket/vekt"))) << readWholeFile(log());
         for (const auto& [id, text] : scenario.commands) ASSERT_TRUE(client_.send(id, text));
     }

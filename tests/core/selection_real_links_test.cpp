@@ -20,14 +20,12 @@
 #include "support/daemon_process.h"
 #include "support/link_lab.h"
 #include "support/netfilter_wrappers.h"
-#include "support/netns.h"
 #include "support/packet_delay.h"
 #include "support/temp_root.h"
 
 namespace vekt::test {
 namespace {
 
-constexpr const char* kNsenter = "/usr/bin/nsenter";
 constexpr uid_t kGameUid = 10321;
 // The failover game's server. The socket monitor never takes a server on 80 for a game's,
 // so its probes stay on the default server, whose delays this test sets.
@@ -68,10 +66,8 @@ std::string selectedLink(const std::string& commandLog) {
 class SelectionRealLinksTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        VEKT_REQUIRE_NETNS();
         std::string missing;
-        if (!findNetfilterTools(&tools_, &missing)) GTEST_SKIP() << "needs" << missing;
-        if (access(kNsenter, X_OK) != 0) GTEST_SKIP() << "needs " << kNsenter;
+        if (!canRunOnRealLinks(&tools_, &missing)) GTEST_SKIP() << missing;
         if (!PacketDelayStage::available(&missing)) GTEST_SKIP() << missing;
     }
 
@@ -116,9 +112,7 @@ class SelectionRealLinksTest : public ::testing::Test {
         commandLog_ = installForwardingWrappers(root_, tools_);
         root_.writeConf("ping_interval_ms = " + std::to_string(kPingIntervalMs) +
                         "\nmini_est_interval = " + std::to_string(kMainLoopMs) + "\n");
-        ASSERT_TRUE(vekt_.start(
-            {kNsenter, "--net=" + lab_.phone().path(), binPath("vekt"), "--root", root_.dir()},
-            log(), false));
+        ASSERT_TRUE(vekt_.start(daemonInside(lab_.phone(), root_.dir()), log(), false));
         ASSERT_TRUE(client_.connect(root_.path("/dev/socket/vekt"))) << readWholeFile(log());
         ASSERT_TRUE(client_.send(MSG_UPDATE_INTERFACES, "wlan0,rmnet_data0"));
     }

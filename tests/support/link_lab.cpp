@@ -20,6 +20,7 @@
 #include <algorithm>
 #include <sstream>
 
+#include "support/netfilter_wrappers.h"
 #include "support/netns.h"
 
 namespace vekt::test {
@@ -371,6 +372,24 @@ void ProbeAnswerServer::serve() {
         }
         clients.push_back({std::move(connection), 0, index});
     }
+}
+
+std::vector<std::string> daemonInside(const NetNamespace& ns, const std::string& rootDir) {
+    return {kNsenter, "--net=" + ns.path(), binPath("vekt"), "--root", rootDir};
+}
+
+bool canRunOnRealLinks(NetfilterTools* tools, std::string* reason) {
+    std::string missing;
+    if (!canCreateNetNamespace(&missing)) {
+        *reason = "needs a private network namespace: " + missing;
+    } else if (!findNetfilterTools(tools, &missing)) {
+        *reason = "needs" + missing;
+    } else if (access(kNsenter, X_OK) != 0) {
+        *reason = std::string("needs ") + kNsenter;
+    } else {
+        return true;
+    }
+    return false;
 }
 
 bool becomeUid(uid_t uid) {

@@ -186,6 +186,17 @@ class HeldConnectionClient {
     std::string unread_;
 };
 
+struct NetfilterTools;
+
+// Runs a program in a namespace named by this process's descriptor, or fails: it never runs
+// the program anywhere else.
+constexpr const char* kNsenter = "/usr/bin/nsenter";
+// The command line that runs the daemon, under the test root rootDir, inside ns.
+std::vector<std::string> daemonInside(const NetNamespace& ns, const std::string& rootDir);
+// Whether the daemon can run here on real links: private network namespaces, the real
+// packet-filter tools (found into *tools) and nsenter. When not, *reason says why.
+bool canRunOnRealLinks(NetfilterTools* tools, std::string* reason);
+
 // In a child: drops to uid (group uid too, no supplementary groups).
 bool becomeUid(uid_t uid);
 
