@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "aggregation/sla_stats_data.h"
 #include "aggregation/sla_stats_impl.h"
@@ -52,6 +53,39 @@ void forEachRegisteredLink(SlaInterfaceMap& map, Parameters* params, Visit visit
         const InterfaceInfo_t* info = registryRecord(params, record->name);
         if (info == nullptr) continue;
         visit(*record, *info);
+    }
+}
+
+// A share is measured from the traffic a link carries, and a link carries traffic in
+// proportion to its share: a link that goes quiet while another is busy measures near zero,
+// gets next to no new connections and so never shows its rate again. With a floor, every link
+// that may take connections at this stage (all of them when cellular helps, the Wi-Fi links
+// when Wi-Fi carries the load alone) keeps at least floorPercent of them; what the raised
+// links gain is taken from the links above the floor, in proportion to their excess.
+void applyShareFloor(SlaInterfaceMap& map, Parameters* params, SLA_ratio_calc_process stage,
+                     int32_t floorPercent) REQUIRES(interfaceMutex, slaStatsMutex) {
+    std::vector<linkStatsWrapper_t*> eligible;
+    float total = 0.0f;
+    forEachRegisteredLink(map, params, [&](linkStatsWrapper_t& record, const InterfaceInfo_t& info) {
+        total += record.ratio;
+        if (stage == 1 || (stage == 0 && !info.metered)) eligible.push_back(&record);
+    });
+    if (floorPercent <= 0 || eligible.empty()) return;
+    const float floor = std::min(static_cast<float>(floorPercent) / 100.0f,
+                                 1.0f / static_cast<float>(eligible.size()));
+    float excessAboveFloor = 0.0f;
+    for (linkStatsWrapper_t* record : eligible) {
+        if (record->ratio < floor) {
+            total += floor - record->ratio;
+            record->ratio = floor;
+        } else {
+            excessAboveFloor += record->ratio - floor;
+        }
+    }
+    if (total <= 1.0f || excessAboveFloor <= 0.0f) return;
+    const float scale = (total - 1.0f) / excessAboveFloor;
+    for (linkStatsWrapper_t* record : eligible) {
+        if (record->ratio > floor) record->ratio -= (record->ratio - floor) * scale;
     }
 }
 
@@ -212,19 +246,30 @@ bool SlaStatsImpl::calcSlaRatios(SLA_ratio_calc_process stage, float cellSum, fl
     });
 
     const bool allIdle = wifiSum == 0 && cellSum == 0;
+    std::vector<const linkStatsWrapper_t*> unregistered;  // left out of the change and the log
+    for (auto& entry : m_slaInterfaceMap) {
+        linkStatsWrapper_t* record = entry.second;
+        if (!takesPart(record) || record->rate != 0 || zeroCount == 0 || remaining <= 0) continue;
+        if (allIdle) {
+            const InterfaceInfo_t* info = registryRecord(params, record->name);
+            if (info == nullptr) {
+                unregistered.push_back(record);
+                continue;
+            }
+            record->ratio = info->metered || n == 0 ? 0.0f : remaining / n;
+        } else {
+            record->ratio = remaining / zeroCount;
+        }
+    }
+    if (stage == 0 || stage == 1) {
+        applyShareFloor(m_slaInterfaceMap, params, stage, params->m_minLinkSharePercent.load());
+    }
+
     float change = 0.0f;
     for (auto& entry : m_slaInterfaceMap) {
         linkStatsWrapper_t* record = entry.second;
-        if (!takesPart(record)) continue;
-        if (record->rate == 0 && zeroCount > 0 && remaining > 0) {
-            if (allIdle) {
-                const InterfaceInfo_t* info = registryRecord(params, record->name);
-                if (info == nullptr) continue;
-                record->ratio = info->metered || n == 0 ? 0.0f : remaining / n;
-            } else {
-                record->ratio = remaining / zeroCount;
-            }
-        }
+        if (!takesPart(record) || std::count(unregistered.begin(), unregistered.end(), record) != 0)
+            continue;
         auto previous = previousRatios.find(record->name);
         const float oldRatio = previous == previousRatios.end() ? 0.0f : previous->second;
         change += fabsf(oldRatio - record->ratio);

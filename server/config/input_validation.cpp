@@ -25,6 +25,8 @@ constexpr SettingRange kSettingRanges[] = {
     {"t_hyst_s", 0, 2147483},
     // One rate kept per pass and link: beyond this the history outgrows the daemon.
     {"best_est_cache_size", 0, 65536},
+    // Every link at this floor must still fit in the whole: two links at 50 % each.
+    {"min_link_share", 0, 50},
     // The registry has four interface slots.
     {"num_interfaces", 0, 4},
 };

@@ -37,6 +37,7 @@ constexpr IntKey kIntKeys[] = {
     {"estimate_pack_num", &Parameters::m_estimatePackNum},
     {"min_ratio_change", &Parameters::m_minRatioChange},
     {"best_est_cache_size", &Parameters::m_bestEstCacheSize},
+    {"min_link_share", &Parameters::m_minLinkSharePercent},
     {"init_wwan_percentage", &Parameters::m_initWwanPercentage},
     {"ping_period_ms", &Parameters::m_pingPeriodMs},
     {"rtt_noresponse_timeout_ms", &Parameters::m_rttNoResponseTimeoutMs},
@@ -144,6 +145,7 @@ void Parameters::init() {
     m_estimatePackNum = 5;
     m_minRatioChange = 2;
     m_bestEstCacheSize = 0;
+    m_minLinkSharePercent = 0;
     m_initWwanPercentage = 0;
     m_rttServer.set(VEKT_DEFAULT_RTT_SERVER);
     m_rttServerPort = 443;

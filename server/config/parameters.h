@@ -142,6 +142,9 @@ public:
     std::atomic<int32_t> m_estimatePackNum{0};
     std::atomic<int32_t> m_minRatioChange{0};
     std::atomic<int32_t> m_bestEstCacheSize{0};
+    // Share of new connections, in percent, below which no aggregated link falls; 0 (the
+    // default) leaves the shares exactly as the rates give them.
+    std::atomic<int32_t> m_minLinkSharePercent{0};
     std::atomic<int32_t> m_initWwanPercentage{0};
 
     vekt::SharedValue<std::string> m_gamingUids;
