@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """The lab's applications, each a subcommand run inside a namespace by the lab:
 
-  serve ADDRESS       the server side: downloads on port 80, the RTT server on 443
-                      (each 58-byte text answered with 60 bytes), the game server on 7000
+  serve ADDRESS       the server side: downloads on port 8080, the RTT server on 443
+                      (each 58-byte text answered with 60 bytes), the game server on 80
                       (echoes, and first tells each player the address it came from)
   download ...        parallel downloads, each a series of fresh connections; prints JSON
   game ...            a game-like player that holds one connection and reconnects at once
@@ -19,7 +19,9 @@ import sys
 import threading
 import time
 
-DOWNLOAD_PORT, RTT_PORT, GAME_PORT = 80, 443, 7000
+# The game talks on a web port: the daemon's socket monitor passes web ports over, so the
+# probes stay with the lab's RTT server instead of following the game's own server.
+DOWNLOAD_PORT, RTT_PORT, GAME_PORT = 8080, 443, 80
 PROBE_TEXT, PROBE_ANSWER = 58, 60
 
 
@@ -60,12 +62,16 @@ class DownloadHandler(socketserver.BaseRequestHandler):
 
 
 class RttHandler(socketserver.BaseRequestHandler):
+    """Answers each probe text and reports how long each probe's connection lasted."""
+
     def handle(self):
+        began = now()
         try:
             while recv_exactly(self.request, PROBE_TEXT) is not None:
                 self.request.sendall(b"y" * PROBE_ANSWER)
         except OSError:
             pass
+        emit({"probe": self.client_address[0], "t": began, "ms": round((now() - began) * 1000)})
 
 
 class GameHandler(socketserver.BaseRequestHandler):

@@ -17,9 +17,9 @@ import time
 import report
 import scenarios
 
-FULL = dict(seconds=20, runs=5, lock_in_runs=10, failover_cases=4, reconnects=20,
+FULL = dict(seconds=15, runs=5, dual_runs=3, lock_in_runs=5, failover_cases=4, reconnects=20,
             soak_seconds=600)
-SMOKE = dict(seconds=8, runs=1, lock_in_runs=1, failover_cases=1, reconnects=2,
+SMOKE = dict(seconds=8, runs=1, dual_runs=1, lock_in_runs=1, failover_cases=1, reconnects=2,
              soak_seconds=30)
 SMOKE_SCENARIOS = ["aggregation", "failover", "restart"]
 
@@ -34,12 +34,15 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--smoke", action="store_true")
+    parser.add_argument("--soak-seconds", type=int, help="length of the soak (default 600)")
     parser.add_argument("--build", default="build")
     parser.add_argument("--results", default=os.path.join(os.path.dirname(__file__), "results"))
     parser.add_argument("names", nargs="*", metavar="SCENARIO")
     args = parser.parse_args()
     names = args.names or (SMOKE_SCENARIOS if args.smoke else list(scenarios.SCENARIOS))
     options = argparse.Namespace(**(SMOKE if args.smoke else FULL))
+    if args.soak_seconds:
+        options.soak_seconds = args.soak_seconds
     build = os.path.abspath(args.build)
     os.makedirs(args.results, exist_ok=True)
     failed = []
@@ -67,7 +70,7 @@ def main():
         for c in result["checks"]:
             print("   %s %s (%s)" % ("ok  " if c["ok"] else "FAIL", c["what"], c["value"]))
         print("== lab: %s took %d s" % (name, time.time() - began), flush=True)
-        if not result["passed"]:
+        if not all(c["ok"] or (args.smoke and c.get("figure")) for c in result["checks"]):
             failed.append(name)
     if not args.smoke:
         report.write_report(args.results, os.path.join(os.path.dirname(os.path.abspath(

@@ -98,13 +98,19 @@ class Lab:
             self.run(name, "sysctl", "-qw", "net.ipv4.conf.all.rp_filter=2",
                      "net.ipv4.conf.default.rp_filter=2", "net.ipv4.ip_forward=1")
         self.run("server", "ip", "addr", "add", SERVER + "/32", "dev", "lo")
+        # Gaming points the probes at the built-in RTT server, 127.0.0.1 in a host build; the
+        # phone sends them on to the lab's RTT server over the probe's own link.
+        self.run("phone", "sysctl", "-qw", "net.ipv4.conf.all.route_localnet=1")
+        self.run("phone", "iptables", "-w", "-t", "nat", "-A", "OUTPUT", "-d", "127.0.0.1",
+                 "-p", "tcp", "--dport", "443", "!", "-o", "lo", "-j", "DNAT",
+                 "--to-destination", SERVER)
         for metric, link in enumerate(self.links, start=1):
             self._add_link(link, metric * 10)
         self.spawn("server", "server", [sys.executable, os.path.join(LAB_DIR, "apps.py"), "serve",
                                          SERVER], stdin=subprocess.PIPE)
         self.spawn("server-mptcp", "server", ["mptcpize", "run", sys.executable,
                                                os.path.join(LAB_DIR, "apps.py"), "serve",
-                                               SERVER, "--download-port", "8080",
+                                               SERVER, "--download-port", "8081",
                                                "--services", "download"],
                    stdin=subprocess.PIPE)
         wait_for(lambda: ":0050 " in self.run("server", "cat", "/proc/net/tcp"), 5)
