@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Builds Vekt three times and runs the whole suite in each: g++ plain; clang with
-# AddressSanitizer + UndefinedBehaviorSanitizer; clang with ThreadSanitizer. Then builds the
-# libFuzzer targets and runs each for VEKT_FUZZ_SECONDS (default 20) seconds. Installs what
+# Builds Vekt three times and runs the whole suite in each: g++ plain (then the network lab's
+# smoke subset); clang with AddressSanitizer + UndefinedBehaviorSanitizer; clang with
+# ThreadSanitizer. Then builds the libFuzzer targets and runs each for VEKT_FUZZ_SECONDS
+# (default 20) seconds. Installs what
 # is missing when run as root, and prints the time each stage took.
 set -euo pipefail
 cd "$(dirname "$0")"
@@ -40,6 +41,9 @@ stage "build (g++)"
 build build g++
 stage "tests (g++)"
 ctest --test-dir build --output-on-failure -j "$jobs"
+
+stage "lab smoke (root and network namespaces; skips without them)"
+lab/run --smoke --results build/lab-smoke
 
 stage "build (clang, ASan + UBSan)"
 build build-asan clang++ -DVEKT_SANITIZE=ON -DVEKT_BUILD_BENCH=OFF

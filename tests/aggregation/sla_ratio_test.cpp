@@ -86,6 +86,30 @@ TEST_F(SlaRatioTest, RatiosFollowTheStageAndTheRates) {
     }
 }
 
+// The lock-in that the floor undoes: Wi-Fi carried a trickle (1 of 12000) while cellular was
+// busy. Off, Wi-Fi keeps next to nothing; at 20 % it keeps a fifth and cellular the rest. In
+// stage 0 (here at 30 %) cellular stays at 0 and only the Wi-Fi links are held up.
+TEST_F(SlaRatioTest, ShareFloorKeepsAQuietLinkInPlay) {
+    using Link = std::tuple<const char*, uint32_t, float>;  // name, rate, expected ratio
+    const std::tuple<int, SLA_ratio_calc_process, float, float, std::vector<Link>> cases[] = {
+        {0, 1, 8000, 1, {{"wlan0", 1, 1.0f / 12000}, {"wwan0", 8000, 1.0f - 1.0f / 12000}}},
+        {20, 1, 8000, 1, {{"wlan0", 1, 0.2f}, {"wwan0", 8000, 0.8f}}},
+        {30, 0, 500, 2000, {{"wlan0", 1600, 0.7f}, {"wlan1", 400, 0.3f}, {"wwan0", 500, 0}}},
+    };
+    for (const auto& [floor, stage, cellSum, wifiSum, links] : cases) {
+        SlaStatsImpl::finalize();
+        Parameters::destroyInstanceForTest();
+        impl_ = SlaStatsImpl::instance();
+        params()->setValue("wifi_threshold", "12000");
+        params()->m_minLinkSharePercent = floor;
+        for (const auto& [name, rate, ratio] : links) addLink(name, rate);
+        impl_->calcSlaRatios(stage, cellSum, wifiSum, static_cast<float>(std::get<1>(links[0])));
+        for (const auto& [name, rate, ratio] : links) {
+            EXPECT_NEAR(record(name)->ratio, ratio, 1e-5) << name << " at floor " << floor;
+        }
+    }
+}
+
 TEST_F(SlaRatioTest, CellularBelowWanThresholdFallsBackToItsHistory) {
     params()->m_bestEstCacheSize = 3;
     StatsFile* ring = addLink("rmnet_data0");
