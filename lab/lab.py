@@ -17,7 +17,7 @@ import time
 import report
 import scenarios
 
-FULL = dict(seconds=15, runs=5, dual_runs=3, lock_in_runs=5, failover_cases=4, reconnects=20,
+FULL = dict(seconds=20, runs=5, dual_runs=3, lock_in_runs=7, failover_cases=4, reconnects=20,
             soak_seconds=600)
 SMOKE = dict(seconds=8, runs=1, dual_runs=1, lock_in_runs=1, failover_cases=1, reconnects=2,
              soak_seconds=30)

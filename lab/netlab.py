@@ -278,7 +278,8 @@ class Lab:
         status = open("/proc/%d/status" % pid).read()
         rss = int(re.search(r"VmRSS:\s+(\d+)", status).group(1))
         threads = int(re.search(r"Threads:\s+(\d+)", status).group(1))
-        return {"rss_kb": rss, "fds": len(os.listdir("/proc/%d/fd" % pid)), "threads": threads}
+        fds = sorted(os.readlink("/proc/%d/fd/%s" % (pid, fd)) for fd in os.listdir("/proc/%d/fd" % pid))
+        return {"rss_kb": rss, "fds": len(fds), "threads": threads, "open": fds}
 
     # ---- clean-up ----
 

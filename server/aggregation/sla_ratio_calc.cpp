@@ -117,6 +117,7 @@ bool SlaStatsImpl::evalAndSetSLAInterfaceRatio() {
     const int64_t wifiThreshold = params->get(WIFI_THRESHOLD);
     const int64_t wanThreshold = params->get(WAN_THRESHOLD);
     const int64_t packNum = params->m_estimatePackNum.load();
+    const bool creditBestRate = params->m_creditBestRate.load() != 0;
 
     uint32_t cellSum = 0;
     uint32_t wifiSum = 0;
@@ -142,9 +143,12 @@ bool SlaStatsImpl::evalAndSetSLAInterfaceRatio() {
             if (static_cast<int64_t>(record.sampleCount) < packNum) rate = 0;
             if (info.metered && static_cast<int64_t>(rate) < wanThreshold) rate = 0;
             record.rate = rate;
-            // An idle pass credits the link with the best rate it showed within the window.
+            // An idle pass credits the link with the best rate it showed within the window;
+            // with credit_best_rate, so does a pass that measured less than that best. A
+            // link's share is what it carries, and it carries in proportion to its share, so
+            // a link measured below its capacity would otherwise stay there.
             const uint32_t best = getMaxLinkRateFromHistory(record.history, rate, params);
-            if (record.rate == 0) record.rate = best;
+            if (record.rate == 0 || creditBestRate) record.rate = std::max(record.rate, best);
 
             if (info.metered) {
                 cellSum += record.rate;

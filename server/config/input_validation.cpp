@@ -27,6 +27,7 @@ constexpr SettingRange kSettingRanges[] = {
     {"best_est_cache_size", 0, 65536},
     // Every link at this floor must still fit in the whole: two links at 50 % each.
     {"min_link_share", 0, 50},
+    {"credit_best_rate", 0, 1},
     // The registry has four interface slots.
     {"num_interfaces", 0, 4},
 };

@@ -38,6 +38,7 @@ constexpr IntKey kIntKeys[] = {
     {"min_ratio_change", &Parameters::m_minRatioChange},
     {"best_est_cache_size", &Parameters::m_bestEstCacheSize},
     {"min_link_share", &Parameters::m_minLinkSharePercent},
+    {"credit_best_rate", &Parameters::m_creditBestRate},
     {"init_wwan_percentage", &Parameters::m_initWwanPercentage},
     {"ping_period_ms", &Parameters::m_pingPeriodMs},
     {"rtt_noresponse_timeout_ms", &Parameters::m_rttNoResponseTimeoutMs},
@@ -146,6 +147,7 @@ void Parameters::init() {
     m_minRatioChange = 2;
     m_bestEstCacheSize = 0;
     m_minLinkSharePercent = 0;
+    m_creditBestRate = 0;
     m_initWwanPercentage = 0;
     m_rttServer.set(VEKT_DEFAULT_RTT_SERVER);
     m_rttServerPort = 443;

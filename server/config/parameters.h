@@ -145,6 +145,9 @@ public:
     // Share of new connections, in percent, below which no aggregated link falls; 0 (the
     // default) leaves the shares exactly as the rates give them.
     std::atomic<int32_t> m_minLinkSharePercent{0};
+    // 1: every pass credits a link with the best rate of its history window, not only an
+    // idle pass; 0 (the default) keeps the history for idle passes alone.
+    std::atomic<int32_t> m_creditBestRate{0};
     std::atomic<int32_t> m_initWwanPercentage{0};
 
     vekt::SharedValue<std::string> m_gamingUids;

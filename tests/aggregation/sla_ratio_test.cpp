@@ -121,6 +121,23 @@ TEST_F(SlaRatioTest, CellularBelowWanThresholdFallsBackToItsHistory) {
     EXPECT_EQ(record("rmnet_data0")->history.samples, (std::deque<uint32_t>{800, 0}));
 }
 
+// A pass that measures a link below its recent best keeps the measurement, unless
+// credit_best_rate asks for the best: then a link held down by a small share is credited with
+// the capacity it showed.
+TEST_F(SlaRatioTest, CreditBestRateUsesTheWindowsBestForEveryPass) {
+    params()->m_bestEstCacheSize = 3;
+    StatsFile* ring = addLink("wlan0");
+    for (int credit : {0, 1}) {
+        params()->m_creditBestRate = credit;
+        record("wlan0")->history = linkHistory_t();
+        for (uint32_t rate : {800u, 300u}) {
+            fillSteady(ring, 40, 40, kNow - 10, 20, bytesPer20Ms(rate));
+            impl_->evalAndSetSLAInterfaceRatio();
+        }
+        EXPECT_EQ(record("wlan0")->rate, credit != 0 ? 800u : 300u);
+    }
+}
+
 TEST_F(SlaRatioTest, BelowTheWifiThresholdOneWifiLinkLeavesRoomButTwoShareAll) {
     // Under wifi_threshold (1600) a lone Wi-Fi link is held to its part of the threshold,
     // leaving room for cellular; two Wi-Fi links without cellular share all by their rates.
