@@ -163,7 +163,9 @@ def game(args):
                 conn = socket.create_connection((args.server, GAME_PORT), timeout=1)
                 seen = conn.makefile("rb").readline(64).decode().strip()
                 emit({"event": "up", "t": now(), "source": seen})
-            except OSError as error:
+            except OSError:
+                if conn is not None:
+                    conn.close()
                 conn = None
                 time.sleep(0.01)
                 continue
