@@ -407,6 +407,15 @@ class Game:
                 return record
         return None
 
+    def first_reset(self, since):
+        """The first break that was the daemon destroying the socket (ECONNABORTED), not a
+        time-out of the game's own while its link was blackholed."""
+        for record in list(self.events):
+            if record["event"] == "down" and record["t"] > since and \
+                    "connection abort" in record["error"]:
+                return record
+        return None
+
     def link_now(self):
         ups = [record for record in self.events if record["event"] == "up"]
         return ups[-1]["source"] if ups else None
@@ -459,7 +468,7 @@ def failover(build, work, options):
                 wait_for(lambda: game.first("up", began, cell) is not None, bound / 1000 + 15)
                 switch = [e[0] for e in rule_events(lab, began) if e[1] == "switch" and
                           e[2] == "to rmnet_data0"]
-                reset, up = game.first("down", began), game.first("up", began, cell)
+                reset, up = game.first_reset(began), game.first("up", began, cell)
                 times = [round(x - began, 2) if x else None for x in
                          (switch[0] if switch else None, reset and reset["t"], up and up["t"])]
                 for kind, when in (("reset", reset), ("reconnect", up)):
@@ -518,8 +527,8 @@ def quick_reconnects(lab, count, wifi, cell):
         lab.stage("wlan0", "drop %d" % blackholed)
         began = time.time()
         expected = cell if blackholed else wifi
-        wait_for(lambda: game.first("down", began) is not None, 20)
-        reset = game.first("down", began)
+        wait_for(lambda: game.first_reset(began) is not None, 20)
+        reset = game.first_reset(began)
         if reset is None:
             continue
         wait_for(lambda: game.first("up", reset["t"]) is not None, 2)
