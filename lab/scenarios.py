@@ -70,12 +70,15 @@ class Sampler:
         return sum(values) / len(values) if values else 0.0
 
 
+# One rule of the ratio chain: its probability and the link whose mark chain it jumps to.
+RATIO_RULE = re.compile(r"-A tarn_SLA .*--probability ([\d.]+) -j tarn_fw_(\w+?)(_wrapper)?$")
+
+
 def rule_events(lab, since):
     """Rewrites of the ratio rules and selection switches, from the wrapper tools' log."""
     events = []
     for when, _, command in lab.rule_commands(since):
-        ratio = re.search(r"-A tarn_SLA .*--probability ([\d.]+) -j tarn_fw_(\w+?)(_wrapper)?$",
-                          command)
+        ratio = RATIO_RULE.search(command)
         switch = re.search(r"-A tarn_SLS -j tarn_sls_uid_(\w+)", command)
         if ratio:
             events.append((when, "rewrite", "%s %.3f" % (ratio.group(2), float(ratio.group(1)))))
@@ -132,7 +135,7 @@ def installed_shares(lab):
     order (each rule takes its probability of what the ones before it left)."""
     shares, left = {}, 1.0
     for line in lab.iptables_save().splitlines():
-        rule = re.search(r"-A tarn_SLA .*--probability ([\d.]+) -j tarn_fw_(\w+?)(_wrapper)?$", line)
+        rule = RATIO_RULE.search(line)
         if rule:
             shares[rule.group(2)] = round(left * float(rule.group(1)), 3)
             left -= left * float(rule.group(1))
