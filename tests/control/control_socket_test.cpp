@@ -5,12 +5,14 @@
 #include <android-base/unique_fd.h>
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
+#include <netinet/in.h>
+#include <pthread.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
+#include <sys/epoll.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -46,33 +48,83 @@ std::string recvLine(int32_t id, int32_t length, const std::string& text) {
            ", msg.message=[" + text + "]";
 }
 
-// The system call the socket thread is blocked in, -1 while it runs, -2 without a thread.
-// Clients connect, and stops are sent, only while it waits in accept or epoll_wait.
-long socketThreadSyscall() {
+// The system call a thread of this process (by name) is blocked in, -1 while it runs, -2
+// without such a thread.
+long blockedCall(const std::string& threadName) {
     std::error_code ignored;
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", ignored)) {
         std::string comm, call;
         std::getline(std::ifstream(task.path() / "comm"), comm);
-        if (comm != "vekt-socket") continue;
+        if (comm != threadName) continue;
         std::ifstream(task.path() / "syscall") >> call;
         return call.empty() || call == "running" ? -1 : strtol(call.c_str(), nullptr, 10);
     }
     return -2;
 }
-bool parkedIn(long call, long otherCall) {
-    long current = socketThreadSyscall();
-    return current == call || current == otherCall;
+
+// The numbers the kernel shows for a thread blocked in accept4 and in epoll_wait, measured on
+// a thread of this test that makes the same calls as the socket thread. <sys/syscall.h> would
+// do natively, but under a user-mode emulator the kernel reports the host's numbers.
+struct BlockingCalls {
+    long accept = -1;
+    long epollWait = -1;
+};
+
+long measureBlockedCall(const std::function<void()>& block, const std::function<void()>& release) {
+    std::thread blocked([&] {
+        pthread_setname_np(pthread_self(), "vekt-measure");
+        block();
+    });
+    long call = -1;
+    for (int waited = 0; waited < 5000 && (call = blockedCall("vekt-measure")) < 0; waited += 5)
+        usleep(5000);
+    release();
+    blocked.join();
+    return call;
 }
-bool inAccept() { return parkedIn(SYS_accept4, SYS_accept); }
-#ifndef SYS_epoll_wait  // only epoll_pwait on some architectures
-#define SYS_epoll_wait SYS_epoll_pwait
-#endif
-bool inEpollWait() { return parkedIn(SYS_epoll_wait, SYS_epoll_pwait); }
+
+const BlockingCalls& blockingCalls() {
+    static const BlockingCalls calls = [] {
+        BlockingCalls measured;
+        int pair[2];
+        unique_fd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof(address);
+        auto* raw = reinterpret_cast<sockaddr*>(&address);
+        if (bind(listener, raw, length) != 0 || listen(listener, 1) != 0 ||
+            getsockname(listener, raw, &length) != 0) {
+            return measured;
+        }
+        measured.accept = measureBlockedCall(
+            [&] { close(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)); },
+            [&] {
+                unique_fd client(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+                connect(client, raw, length);
+            });
+        unique_fd epoll(epoll_create1(EPOLL_CLOEXEC));
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) return measured;
+        unique_fd waited(pair[0]), waker(pair[1]);
+        epoll_event event = {EPOLLIN, {}};
+        epoll_ctl(epoll, EPOLL_CTL_ADD, waited, &event);
+        measured.epollWait = measureBlockedCall(
+            [&] { epoll_wait(epoll, &event, 1, -1); }, [&] { send(waker, "x", 1, 0); });
+        return measured;
+    }();
+    return calls;
+}
+
+// Clients connect, and stops are sent, only while the socket thread waits in accept or
+// epoll_wait.
+bool blockedIn(long call) { return call >= 0 && blockedCall("vekt-socket") == call; }
+bool inAccept() { return blockedIn(blockingCalls().accept); }
+bool inEpollWait() { return blockedIn(blockingCalls().epollWait); }
 
 class ControlSocketTest : public ParametersTest {
 protected:
     void TearDown() override {
-        if (gSocketThread != kNoSocketThread && socketThreadSyscall() != -2) {
+        if (gSocketThread != kNoSocketThread && blockedCall("vekt-socket") != -2) {
             // A stop takes effect only while a client is served, and must not meet a hang-up:
             // the test's own clients are gone, so the thread returns to accept (a stop that
             // met its hang-up would be lost there), and a fresh client is served to the end.

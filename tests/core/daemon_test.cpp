@@ -5,6 +5,7 @@
 #include "core/daemon_args.h"
 #include "support/control_client.h"
 #include "support/daemon_process.h"
+#include "support/emulation.h"
 #include "support/netns.h"
 #include "support/temp_root.h"
 
@@ -60,7 +61,7 @@ protected:
     ControlClient client_;
 };
 
-TEST_F(DaemonLifecycleTest, RunsItsLoopUntilThePropertyReadsTwoThenIdles) {
+TEST_F(DaemonLifecycleTest, RunsItsLoopUntilThePropertyReadsTwoThenIdlesUntilReplaced) {
     root_.writeConf("mini_est_interval = 100\n");
     root_.setProperty("vendor.sla.enabled", "0");  // 0 at start still runs the daemon
     ASSERT_TRUE(startDaemon());
@@ -70,25 +71,44 @@ TEST_F(DaemonLifecycleTest, RunsItsLoopUntilThePropertyReadsTwoThenIdles) {
     EXPECT_TRUE(vekt_.running());
 
     ASSERT_TRUE(connectServedClient()) << readWholeFile(log());
-    ASSERT_TRUE(client_.send(9, "10123,10124"));  // gaming UIDs, whose sockets the stop resets
-    ASSERT_TRUE(waitForText(log(), "SLS GAMING Demo UID = 10124", 3000)) << readWholeFile(log());
     root_.setProperty("vendor.sla.enabled", "2");
     ASSERT_TRUE(waitForText(log(), "Vekt exiting", 3000)) << readWholeFile(log());
     EXPECT_EQ(countLines(log(), "E SLM-Vekt-daemon: Slm disabled, starting cleanup..."), 1u);
     std::string text = readWholeFile(log());  // the socket thread ends before the cleanup
     EXPECT_LT(text.find("I SLM-Vekt-VektSocket-Server: socket Thread exit"),
               text.find("Slm disabled, starting cleanup..."));
-    // Each gaming UID's sockets are destroyed, in list order, before the rules go.
-    const size_t first = text.find("SLA_GAMING destroying UDP sockets: 10123");
-    const size_t second = text.find("SLA_GAMING destroying UDP sockets: 10124");
-    EXPECT_LT(text.find("Slm disabled, starting cleanup..."), first);
-    EXPECT_LT(first, second);
-    EXPECT_LT(second, text.find("Vekt exiting"));
     // Setting the property back changes nothing: the process idles and stays alive.
     root_.setProperty("vendor.sla.enabled", "1");
     usleep(300 * 1000);
     EXPECT_TRUE(vekt_.running());
     EXPECT_EQ(countLines(log(), "Vekt exiting"), 1u);
+
+    // So init's service definition restarts it on 1: the idle process is killed (it holds
+    // nothing) and a new one comes up over the old socket file and serves clients again.
+    vekt_.kill();
+    ASSERT_TRUE(startDaemon());
+    ASSERT_TRUE(waitForText(log(), "Created socket success", 5000));
+    client_.close();
+    ASSERT_TRUE(connectServedClient()) << readWholeFile(log());
+    EXPECT_EQ(countLines(log(), "starting daemon"), 2u);
+    EXPECT_TRUE(vekt_.running());
+}
+
+TEST_F(DaemonLifecycleTest, AStopResetsEachGamingUidsSocketsInListOrderBeforeItEnds) {
+    VEKT_REQUIRE_KERNEL(sockDiagMissing());
+    root_.writeConf("mini_est_interval = 100\n");
+    ASSERT_TRUE(startDaemon());
+    ASSERT_TRUE(connectServedClient()) << readWholeFile(log());
+    ASSERT_TRUE(client_.send(9, "10123,10124"));  // gaming UIDs
+    ASSERT_TRUE(waitForText(log(), "SLS GAMING Demo UID = 10124", 3000)) << readWholeFile(log());
+    root_.setProperty("vendor.sla.enabled", "2");
+    ASSERT_TRUE(waitForText(log(), "Vekt exiting", 3000)) << readWholeFile(log());
+    const std::string text = readWholeFile(log());
+    const size_t first = text.find("SLA_GAMING destroying UDP sockets: 10123");
+    const size_t second = text.find("SLA_GAMING destroying UDP sockets: 10124");
+    EXPECT_LT(text.find("Slm disabled, starting cleanup..."), first);
+    EXPECT_LT(first, second);
+    EXPECT_LT(second, text.find("Vekt exiting"));
 }
 
 TEST_F(DaemonLifecycleTest, WithoutSettingsFileLogsTheFailureAndUsesTheDefaultInterval) {

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "control/msg.h"
+#include "support/emulation.h"
 #include "support/fake_wifi_sources.h"
 #include "support/handler_fixture.h"
 #include "support/link_lab.h"
@@ -110,6 +111,7 @@ std::string socketStates(const std::vector<unique_fd>& fds) {
 
 TEST_F(RssiStateMonitorTest, TeardownDestroysEveryGamingUidsSocketsAndNoOthers) {
     VEKT_REQUIRE_NETNS();
+    VEKT_REQUIRE_KERNEL(sockDiagMissing());
     NetNamespace ns;
     ASSERT_TRUE(ns.ok());
     // Runs in the child, in the private namespace only. Exit status bits: 1 a gaming UID's

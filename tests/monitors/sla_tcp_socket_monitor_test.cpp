@@ -23,6 +23,7 @@
 #include <string>
 #include <thread>
 
+#include "support/emulation.h"
 #include "support/link_lab.h"
 #include "support/netns.h"
 #include "support/parameters_fixture.h"
@@ -151,6 +152,7 @@ class SlaTcpSocketMonitorTest : public ParametersTest {
 
 TEST_F(SlaTcpSocketMonitorTest, TheBusiestGameServerBecomesTheRttServerAndAClosedOneLeaves) {
     VEKT_REQUIRE_NETNS();
+    VEKT_REQUIRE_KERNEL(sockDiagMissing());
     inside([&] {
         const unique_fd quiet = listenOn("127.0.0.7", 7000);
         const unique_fd busy = listenOn("127.0.0.9", 9000);
@@ -184,6 +186,7 @@ TEST_F(SlaTcpSocketMonitorTest, TheBusiestGameServerBecomesTheRttServerAndAClose
 
 TEST_F(SlaTcpSocketMonitorTest, OtherUidsWebPortsAndMappedPeersAreIgnored) {
     VEKT_REQUIRE_NETNS();
+    VEKT_REQUIRE_KERNEL(sockDiagMissing());
     inside([&] {
         const unique_fd game = listenOn("127.0.0.9", 9000);
         const unique_fd http = listenOn("127.0.0.8", 80);
@@ -211,6 +214,7 @@ TEST_F(SlaTcpSocketMonitorTest, OtherUidsWebPortsAndMappedPeersAreIgnored) {
 
 TEST_F(SlaTcpSocketMonitorTest, ThePausedThreadSleepsUntilResumedThenPollsUntilFinalized) {
     VEKT_REQUIRE_NETNS();
+    VEKT_REQUIRE_KERNEL(sockDiagMissing());
     inside([&] {
         const unique_fd busy = listenOn("127.0.0.9", 9000);
         const Connection game = connectAs(kGameUid, busy, "127.0.0.9", 9000, 5);

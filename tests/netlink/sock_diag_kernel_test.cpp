@@ -19,6 +19,7 @@
 
 #include "netlink/kill_sockets.h"
 #include "netlink/sock_diag.h"
+#include "support/emulation.h"
 #include "support/daemon_process.h"
 #include "support/link_lab.h"
 #include "support/netns.h"
@@ -125,6 +126,7 @@ struct LoopbackSockets {
 
 TEST(KillSocketsForUidTest, AbortsEverySocketOfTheUidAndNoOtherUidsSockets) {
     VEKT_REQUIRE_NETNS();
+    VEKT_REQUIRE_KERNEL(vekt::test::sockDiagMissing());
     EXPECT_EQ(runInPrivateNetns([]() -> std::string {
                   const LoopbackSockets game(10123), other(10124), root(0);
                   if (!(game.error + other.error + root.error).empty())
@@ -184,6 +186,7 @@ std::vector<std::vector<uint32_t>> liveSockets(SockDiag& diag, std::string* comp
 
 TEST(SockDiagKernelTest, LiveTcpInfosReportEachConnectionWithGrowingSegmentCounts) {
     VEKT_REQUIRE_NETNS();
+    VEKT_REQUIRE_KERNEL(vekt::test::sockDiagMissing());
     EXPECT_EQ(
         runInPrivateNetns([]() -> std::string {
             const LoopbackSockets sockets(0);

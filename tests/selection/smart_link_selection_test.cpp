@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "selection/selection_fixture.h"
+#include "support/emulation.h"
 #include "support/link_lab.h"
 #include "support/netns.h"
 
@@ -207,6 +208,8 @@ TEST_F(ProbeThreadTest, RemovalAndStopWakeSleepingThreadsAndJoinThem) {
 // own (it never runs anywhere else), against an answering server on that loopback.
 TEST_F(ProbeThreadTest, RealProbesRateTheLinkAndASwitchResetsGamingSockets) {
     VEKT_REQUIRE_NETNS();
+    VEKT_REQUIRE_KERNEL(sockDiagMissing());
+    VEKT_REQUIRE_KERNEL(tcpInfoMissing());
     NetNamespace ns;
     ASSERT_TRUE(ns.ok());
     // Everything starts inside the child: a thread running in this process at the fork

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "support/emulation.h"
 #include "support/parameters_fixture.h"
 
 namespace vekt::test {
@@ -51,6 +52,7 @@ TEST_F(ExecnetdTest, EachOutputLineIsAFailurePairAndShellSyntaxIsAPlainArgument)
 }
 
 TEST_F(ExecnetdTest, AMissingToolFails) {
+    VEKT_REQUIRE_KERNEL(spawnFailureMissing());
     EXPECT_EQ(execnetd("/system/bin/missing -w -t mangle -F tarn_SLA"), -1);
     EXPECT_EQ(
         log_.texts(),

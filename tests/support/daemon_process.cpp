@@ -9,6 +9,7 @@
 
 #include <sstream>
 
+#include "support/emulation.h"
 #include "support/netns.h"
 #include "support/temp_root.h"
 
@@ -18,6 +19,7 @@ std::string binPath(const std::string& name) { return std::string(VEKT_BIN_DIR) 
 
 bool ChildProcess::start(const std::vector<std::string>& argv, const std::string& logPath,
                          bool privateNetNamespace) {
+    const ExecArgs args(argv);
     pid_ = fork();
     if (pid_ < 0) return false;
     if (pid_ == 0) {
@@ -28,10 +30,7 @@ bool ChildProcess::start(const std::vector<std::string>& argv, const std::string
         dup2(out, STDOUT_FILENO);
         dup2(out, STDERR_FILENO);
         if (privateNetNamespace && !enterPrivateNetNamespace()) _exit(125);
-        std::vector<char*> args;
-        for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-        args.push_back(nullptr);
-        execv(args[0], args.data());
+        args.exec();
         _exit(127);
     }
     return true;

@@ -20,6 +20,7 @@
 #include <algorithm>
 #include <sstream>
 
+#include "support/emulation.h"
 #include "support/netfilter_wrappers.h"
 #include "support/netns.h"
 
@@ -110,13 +111,11 @@ pid_t NetNamespace::forkInside(const std::function<int()>& body) const {
 }
 
 std::string NetNamespace::run(const std::vector<std::string>& argv, int* status) const {
-    std::vector<char*> args;
-    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-    args.push_back(nullptr);
+    const ExecArgs args(argv);
     return captureInside(
         *this,
         [&] {
-            execv(args[0], args.data());
+            args.exec();
             return 127;
         },
         status);

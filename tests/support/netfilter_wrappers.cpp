@@ -10,6 +10,7 @@
 
 #include <sstream>
 
+#include "support/emulation.h"
 #include "support/temp_root.h"
 
 namespace vekt::test {
@@ -105,9 +106,7 @@ std::string runInNetNamespaceOf(pid_t pid, const std::vector<std::string>& argv,
     int out[2];
     if (pipe2(out, O_CLOEXEC) != 0) return "";
     const std::string nsPath = "/proc/" + std::to_string(pid) + "/ns/net";
-    std::vector<char*> args;
-    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-    args.push_back(nullptr);
+    const ExecArgs args(argv);
 
     pid_t child = fork();
     if (child == 0) {
@@ -115,7 +114,7 @@ std::string runInNetNamespaceOf(pid_t pid, const std::vector<std::string>& argv,
         if (ns < 0 || setns(ns, CLONE_NEWNET) != 0) _exit(125);
         dup2(out[1], STDOUT_FILENO);
         dup2(out[1], STDERR_FILENO);
-        execv(args[0], args.data());
+        args.exec();
         _exit(127);
     }
     close(out[1]);
