@@ -20,7 +20,7 @@ cmake --build build --target vekt vektctl slasim
 root=$PWD/build/demo
 rm -rf "$root"
 mkdir -p "$root"/{dev/socket,proc/sla,vendor/etc/sla,system/bin,properties}
-cp etc/vekt.conf "$root/vendor/etc/sla/vekt.conf"
+cp etc/host/vekt.conf "$root/vendor/etc/sla/vekt.conf"
 echo 1 > "$root/properties/vendor.sla.enabled"
 for tool in iptables ip; do
     cat > "$root/system/bin/$tool-wrapper-1.0" <<SCRIPT

@@ -182,7 +182,9 @@ class Lab:
             os.makedirs(os.path.join(self.root, folder))
         conf = open(os.path.join(os.path.dirname(LAB_DIR), "etc", "vekt.conf")).read()
         for key, value in settings.items():
-            conf = re.sub(r"(?m)^%s = .*$" % key, "%s = %s" % (key, value), conf)
+            conf, found = re.subn(r"(?m)^%s = .*$" % key, "%s = %s" % (key, value), conf)
+            if not found:  # a key the device's file leaves unset
+                conf += "%s = %s\n" % (key, value)
         self.write(os.path.join(self.root, "vendor/etc/sla/vekt.conf"), conf)
         self.set_property(1)
         self.rule_log = os.path.join(self.work, "rules.log")

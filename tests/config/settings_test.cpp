@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
+#include <log/log.h>
+
+#include <sstream>
 
 #include "support/parameters_fixture.h"
+#include "support/temp_root.h"
 
 namespace vekt::test {
 namespace {
@@ -37,6 +41,24 @@ TEST_F(SettingsTest, EnablePropertyIsReadAtStartAndOnEveryCall) {
     EXPECT_EQ(params()->get(SLA_ENABLED), 2);
     root_.setProperty("vendor.sla.enabled", "junk");
     EXPECT_EQ(params()->getSLAVendorProp(), 0);
+}
+
+// The file a device installs: every line is taken, and it leaves the probe server and the
+// game list to the build (no loopback server, no example UID on a phone).
+TEST_F(SettingsTest, TheDevicesSettingsFileIsAcceptedAndLeavesTheBuildsServer) {
+    const std::string deviceFile = readWholeFile(std::string(VEKT_SOURCE_DIR) + "/etc/vekt.conf");
+    std::istringstream lines(deviceFile);
+    for (std::string line; std::getline(lines, line);) {
+        line = Parameters::trim(line);
+        EXPECT_NE(line.substr(0, line.find_first_of(" =")), "rtt_server") << line;
+    }
+    root_.writeConf(deviceFile);
+    Parameters* p = params();
+    for (const auto& record : log_.records())
+        EXPECT_LT(record.priority, ANDROID_LOG_WARN) << record.text;
+    EXPECT_EQ(p->m_rttServer.get(), VEKT_DEFAULT_RTT_SERVER);
+    EXPECT_EQ(p->m_gamingWhiteList.get(), "");
+    EXPECT_EQ(p->get(MINI_EST_INTERVAL), 1000);
 }
 
 TEST(TrimTest, CommentCutDropsTheCharacterBeforeTheHash) {
