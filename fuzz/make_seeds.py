@@ -228,6 +228,31 @@ def nl80211_receives():
     }
 
 
+# Status documents as vektctl reads them from the daemon, and broken ones.
+def json_documents():
+    status = (b'{"version":1,"uptime_ms":86400123,"sla_enabled":true,"gateway":null,'
+              b'"interfaces":[{"name":"wlan0","up":true,"rtt_ms":12.5,"bytes":18446744073709551615},'
+              b'{"name":"rmnet_data0","up":false,"rtt_ms":-1,"bytes":0}],'
+              b'"uids":[10123,10234],"notes":"\\ufffd \\"q\\" \\u00e9\\ud83d\\ude00 \xe2\x82\xac"}')
+    return {
+        "status": status,
+        "status_pretty": b"{\n  \"a\" : [ 1 , -0.5e-3 , 2E+8 ] ,\r\n\t\"b\" : { } }\n",
+        "scalars": b'[true,false,null,0,-0,"",{},[]]',
+        "escapes": b'"\\"\\\\\\/\\b\\f\\n\\r\\t\\u0000\\u001f\\u007f"',
+        "deep_nesting": b"[" * 64 + b"]" * 64,
+        "too_deep": b'{"a":' * 65 + b"1" + b"}" * 65,
+        "trailing_garbage": b'{"a":1}}',
+        "unterminated_string": b'{"a":"abc',
+        "bad_escape": b'["\\x"]',
+        "lone_high_surrogate": b'["\\ud800"]',
+        "lone_low_surrogate": b'["\\udc00x"]',
+        "broken_utf8": b'["\xc0\xaf\xed\xa0\x80\xf4\x90\x80\x80\xff"]',
+        "broken_numbers": b"[01, 1., .5, -, 1e, +1]",
+        "huge_number": b"[1e999, 123456789012345678901234567890]",
+        "empty": b"",
+    }
+
+
 def write(target, seeds):
     folder = os.path.join(CORPUS, target)
     os.makedirs(folder, exist_ok=True)
@@ -242,6 +267,7 @@ def main():
     write("settings", settings_files())
     write("stats_ring", rings())
     write("nl80211_packet", nl80211_receives())
+    write("json_value", json_documents())
     return 0
 
 

@@ -29,10 +29,9 @@ public:
     JsonWriter& value(const char* text);  // nullptr is written as null
     JsonWriter& value(bool flag);
     JsonWriter& value(double number);  // NaN and infinities are written as null
-    template <typename Integer,
-              typename = std::enable_if_t<std::is_integral_v<Integer> &&
-                                          !std::is_same_v<Integer, bool> &&
-                                          !std::is_same_v<Integer, char>>>
+    template <typename Integer, typename = std::enable_if_t<std::is_integral_v<Integer> &&
+                                                            !std::is_same_v<Integer, bool> &&
+                                                            !std::is_same_v<Integer, char>>>
     JsonWriter& value(Integer number) {
         if constexpr (std::is_signed_v<Integer>) {
             return signedValue(number);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <math.h>
 #include <stdio.h>
+#include <stdlib.h>
 
 #include <limits>
 #include <string>
@@ -28,7 +29,7 @@ TEST(JsonWriterTest, EscapesEveryControlByteAndReplacesBrokenUtf8) {
 
     // Each byte of a broken sequence becomes one U+FFFD.
     EXPECT_EQ(written("\x80"), R"("\ufffd")");
-    EXPECT_EQ(written("\xc0\xaf"), R"("\ufffd\ufffd")");          // overlong '/'
+    EXPECT_EQ(written("\xc0\xaf"), R"("\ufffd\ufffd")");            // overlong '/'
     EXPECT_EQ(written("\xe0\x80\xaf"), R"("\ufffd\ufffd\ufffd")");  // overlong, three bytes
     EXPECT_EQ(written("\xed\xa0\x80"), R"("\ufffd\ufffd\ufffd")");  // surrogate U+D800
     EXPECT_EQ(written("\xf4\x90\x80\x80"), R"("\ufffd\ufffd\ufffd\ufffd")");  // U+110000
@@ -84,7 +85,9 @@ TEST(JsonWriterTest, WritesDoublesShortestAndNonFiniteAsNull) {
     EXPECT_EQ(doubleText(-2.5), "-2.5");
     EXPECT_EQ(doubleText(100), "100");
     EXPECT_EQ(doubleText(1e300), "1e+300");
-    EXPECT_EQ(doubleText(5e-324), "4.9406564584124654e-324");
+    for (double number : {5e-324, 1.0 / 3, 2.2250738585072014e-308, -1.7976931348623157e308}) {
+        EXPECT_EQ(strtod(doubleText(number).c_str(), nullptr), number);
+    }
     EXPECT_EQ(doubleText(0.1 + 0.2), "0.30000000000000004");
     EXPECT_EQ(doubleText(NAN), "null");
     EXPECT_EQ(doubleText(INFINITY), "null");

@@ -57,8 +57,10 @@ private:
     bool atEnd() const { return m_pos >= m_text.size(); }
     char peek() const { return atEnd() ? '\0' : m_text[m_pos]; }
 
-    bool fail(const char* what) {
-        m_error = std::string(what) + " at byte " + std::to_string(m_pos);
+    bool fail(const char* what) { return failAt(m_pos, what); }
+
+    bool failAt(size_t offset, const char* what) {
+        m_error = std::string(what) + " at byte " + std::to_string(offset);
         return false;
     }
 
@@ -77,13 +79,21 @@ private:
     bool parseValue(JsonValue& out, int depth) {
         if (atEnd()) return fail("missing value");
         switch (peek()) {
-            case '{': return parseObject(out, depth + 1);
-            case '[': return parseArray(out, depth + 1);
-            case '"': out.kind = JsonValue::Kind::String; return parseString(out.text);
-            case 't': return parseLiteral("true", out, JsonValue::Kind::Bool, true);
-            case 'f': return parseLiteral("false", out, JsonValue::Kind::Bool, false);
-            case 'n': return parseLiteral("null", out, JsonValue::Kind::Null, false);
-            default: break;
+            case '{':
+                return parseObject(out, depth + 1);
+            case '[':
+                return parseArray(out, depth + 1);
+            case '"':
+                out.kind = JsonValue::Kind::String;
+                return parseString(out.text);
+            case 't':
+                return parseLiteral("true", out, JsonValue::Kind::Bool, true);
+            case 'f':
+                return parseLiteral("false", out, JsonValue::Kind::Bool, false);
+            case 'n':
+                return parseLiteral("null", out, JsonValue::Kind::Null, false);
+            default:
+                break;
         }
         if (peek() == '-' || isDigit(peek())) return parseNumber(out);
         return fail("unexpected character");
@@ -211,17 +221,22 @@ private:
     }
 
     // UTF-16 escapes: a code point above U+FFFF arrives as a high and a low surrogate, each
-    // escaped; either one alone names no character and cannot be written as UTF-8.
+    // escaped; either one alone names no character and cannot be written as UTF-8. Errors
+    // name the offset of the offending escape's backslash.
     bool parseUnicodeEscape(std::string& out) {
+        const size_t escapeStart = m_pos - 1;
         uint32_t unit = 0;
         if (!readCodeUnit(unit)) return false;
-        if (isLowSurrogate(unit)) return fail("lone low surrogate");
+        if (isLowSurrogate(unit)) return failAt(escapeStart, "lone low surrogate");
         if (isHighSurrogate(unit)) {
-            if (m_text.substr(m_pos, 2) != "\\u") return fail("lone high surrogate");
+            if (m_text.substr(m_pos, 2) != "\\u") {
+                return failAt(escapeStart, "lone high surrogate");
+            }
+            const size_t lowStart = m_pos;
             ++m_pos;
             uint32_t low = 0;
             if (!readCodeUnit(low)) return false;
-            if (!isLowSurrogate(low)) return fail("high surrogate without a low one");
+            if (!isLowSurrogate(low)) return failAt(lowStart, "high surrogate without a low one");
             unit = 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00);
         }
         appendUtf8(out, unit);

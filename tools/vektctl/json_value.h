@@ -21,9 +21,9 @@ struct JsonValue {
     using Member = std::pair<std::string, JsonValue>;
 
     Kind kind = Kind::Null;
-    bool flag = false;     // Bool
-    double number = 0;     // Number
-    std::string text;      // String: the decoded UTF-8; Number: the literal as written
+    bool flag = false;             // Bool
+    double number = 0;             // Number
+    std::string text;              // String: the decoded UTF-8; Number: the literal as written
     std::vector<JsonValue> items;  // Array
     std::vector<Member> members;   // Object, in document order; repeated keys are kept
 
