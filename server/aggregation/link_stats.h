@@ -24,6 +24,7 @@ struct linkStatsWrapper_t {
     uint32_t sampleCount = 0;  // samples the last estimate used
     float ratio = 0.0f;        // share of new connections, 0 to 1
     float previousRatio = 0.0f;
+    float installedProbability = -1.0f;  // of this link's ratio rule when last written; -1 none
 };
 
 using SlaInterfaceMap = std::map<std::string, linkStatsWrapper_t*>;

@@ -11,6 +11,7 @@
 #include <sys/types.h>
 
 #include <algorithm>
+#include <iterator>
 
 #include "base/device_root.h"
 #include "base/singleton_slot.h"
@@ -262,6 +263,17 @@ int32_t Parameters::get(OperId id) const {
     // Out-of-range ids, negative ones included, read as all-ones rather than past the array.
     if (id < 0 || id > OPER_ID_LAST) return static_cast<int32_t>(0xFFFFFFFF);
     return m_settings[id].load(std::memory_order_relaxed);
+}
+
+std::vector<Parameters::KeyedSetting> Parameters::keyedSettings() const {
+    std::vector<KeyedSetting> settings;
+    for (size_t slot = 0; slot < std::size(kSlotKeys); ++slot)
+        settings.push_back({kSlotKeys[slot], false, get(static_cast<OperId>(slot)), {}});
+    for (const IntKey& entry : kIntKeys)
+        settings.push_back({entry.key, false, (this->*entry.member).load(), {}});
+    for (const TextKey& entry : kTextKeys)
+        settings.push_back({entry.key, true, 0, (this->*entry.member).get()});
+    return settings;
 }
 
 int32_t Parameters::getSLAVendorProp() {

@@ -71,6 +71,15 @@ public:
     int setValue(const char* key, const char* value);
     int32_t get(OperId id) const;
     int32_t getSLAVendorProp();
+    // Every keyed setting in force, named as in the settings file, in the key table's order.
+    // The interface_N lines are left out: the registry holds what they became.
+    struct KeyedSetting {
+        std::string key;
+        bool isText;
+        int32_t number;  // when !isText
+        std::string text;  // when isText
+    };
+    std::vector<KeyedSetting> keyedSettings() const;
     // "protocols=<list>" and "ports=<list>", bounded by size; return buf.
     char* getStatsProtocols(char* buf, size_t size) const;
     char* getStatsPorts(char* buf, size_t size) const;

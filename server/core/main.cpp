@@ -10,10 +10,13 @@
 #include "aggregation/sla_stats_impl.h"
 #include "config/parameters.h"
 #include "control/control_socket.h"
+#include "base/clock.h"
 #include "base/device_root.h"
 #include "core/daemon_args.h"
 #include "core/main_loop.h"
 #include "selection/smart_link_selection.h"
+#include "status/status_counters.h"
+#include "status/status_socket.h"
 #include "steering/iptables_manager.h"
 
 int main(int argc, char** argv) {
@@ -29,11 +32,14 @@ int main(int argc, char** argv) {
     }
     vekt::DeviceRoot::set(args.root);
 
-    ALOGI("Vekt (SLA+SLS) 3.0.4.5 starting daemon");
+    vekt::statusCounters().startedAtNs = vekt::monotonicNs();
+    ALOGI("Vekt (SLA+SLS) %s starting daemon", vekt::kVektVersion);
     Parameters* params = Parameters::instance();
     IptablesManager::instance();
     // The daemon runs on without a control channel if the thread cannot be created.
     createSocketThreads(params);
+    // Read-only; the daemon runs on without it too.
+    vekt::startStatusSocket();
     SlaStatsImpl* stats = SlaStatsImpl::instance();
     stats->enableSLA(true);
     SmartLinkSelection::Init();

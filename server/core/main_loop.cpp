@@ -13,6 +13,8 @@
 #include "monitors/sla_tcp_socket_monitor.h"
 #include "netlink/kill_sockets.h"
 #include "selection/smart_link_selection.h"
+#include "status/status_counters.h"
+#include "status/status_socket.h"
 #include "steering/iptables_manager.h"
 
 namespace vekt {
@@ -25,12 +27,15 @@ constexpr int32_t kStopValue = 2;
 bool runMainLoopPass(Parameters* params, SlaStatsImpl* stats) {
     stats->evalAndSetSLAInterfaceRatio();
     SmartLinkSelection::slsChooseInterface();
+    countEvent(statusCounters().mainLoopPasses);
     sleepMs(params->get(MINI_EST_INTERVAL));
     return params->getSLAVendorProp() != kStopValue;
 }
 
 void shutdownDaemon(SlaStatsImpl* stats) {
-    // The socket thread goes first, so no command changes state during the cleanup.
+    // The socket threads go first, so no command changes state during the cleanup and no
+    // status client reads what the cleanup takes apart.
+    stopStatusSocket();
     stopSocketThreads();
     ALOGE("Slm disabled, starting cleanup...\n");
     stats->enableSLA(false);

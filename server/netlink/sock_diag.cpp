@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "base/socket_owner.h"
+#include "status/status_counters.h"
 
 #if defined(__BIONIC__)
 #include <android/fdsan.h>
@@ -242,6 +243,7 @@ int SockDiag::sockDestroy(uint8_t proto, const inet_diag_msg* msg) {
     const int ret = checkAcknowledgement(destroySocket);
     if (ret != 0) return ret;
     ++destroyedCount;
+    vekt::countEvent(vekt::statusCounters().socketsDestroyed);
     return 0;
 }
 

@@ -14,6 +14,7 @@
 #include "base/singleton_slot.h"
 #include "netlink/kill_sockets.h"
 #include "steering/iptables_manager.h"
+#include "status/status_counters.h"
 
 vekt::Mutex slsMutex(vekt::LockLevel::kSelection, "slsMutex");
 
@@ -201,6 +202,7 @@ void SmartLinkSelection::calcInterface() {
     ALOGI("%s SLA_RTT_SELECTED perform switch %s ", "calcInterface",
           currentInterface->interfaceName);
     iptables->set_SLS_interface(currentInterface->interfaceName);
+    vekt::countEvent(vekt::statusCounters().selectionSwitches);
     // Open connections stay on the old link until they are reset; the games reconnect.
     const auto uids = params->m_gamingUidList.snapshot();
     for (const std::string& uid : *uids) {

@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include "base/device_root.h"
+#include "status/status_counters.h"
 
 extern char** environ;
 
@@ -180,7 +181,9 @@ std::vector<std::string> splitCommandLine(const std::string& command) {
 int execnetd(const char* command) {
     const char* text = command != nullptr ? command : "";
     vekt::CommandResult result = vekt::commandRunner().run(vekt::splitCommandLine(text));
+    vekt::countEvent(vekt::statusCounters().commandsRun);
     if (!result.started) {
+        vekt::countEvent(vekt::statusCounters().commandsNotStarted);
         ALOGE("SEND SLA NDC COMMAND - FAIL  %s \n", text);
         return -1;
     }

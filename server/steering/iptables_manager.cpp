@@ -13,6 +13,7 @@
 #include "config/parameters.h"
 #include "steering/execnetd.h"
 #include "steering/rule_commands.h"
+#include "status/status_counters.h"
 
 vekt::Mutex iptablesMutex(vekt::LockLevel::kIptables, "iptablesMutex");
 
@@ -255,6 +256,7 @@ int IptablesManager::set_SLA_ratio_iptables(SlaInterfaceMap& map) {
     const int dualWifi = params->getDoubleWifiSelectStatus();
 
     vekt::MutexLock lock(iptablesMutex);
+    vekt::countEvent(vekt::statusCounters().ruleRewrites);
     int status = runCommand(IPTABLES " -w -t mangle -F tarn_SLA");
 
     // Each random rule only sees the connections that the rules before it let through, so
@@ -275,6 +277,7 @@ int IptablesManager::set_SLA_ratio_iptables(SlaInterfaceMap& map) {
         // With two Wi-Fi links in use, every new connection goes to the selected side.
         if (dualWifi == 1) probability = iface->slave ? 0.0f : 1.0f;
         if (dualWifi == 2) probability = iface->slave ? 1.0f : 0.0f;
+        link->installedProbability = probability;
 
         ChainName mark = markChain(link->name);
         ChainName target = mark;
@@ -295,6 +298,7 @@ int IptablesManager::set_SLA_ratio_iptables(SlaInterfaceMap& map) {
         if (1.0 - given > 0) probability = link->ratio / (1.0 - given);
         probability = std::min(probability, 1.0f);
         ALOGI("Updated Ratio: %f", probability);
+        link->installedProbability = probability;
 
         ChainName target = wrapperChain(markChain(link->name));
         status += runCommand(SLA_RATIO_RULE, probability, target.c_str());

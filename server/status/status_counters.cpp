@@ -1,0 +1,10 @@
+#include "status/status_counters.h"
+
+namespace vekt {
+
+StatusCounters& statusCounters() {
+    static StatusCounters counters;
+    return counters;
+}
+
+}  // namespace vekt
