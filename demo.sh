@@ -63,11 +63,15 @@ daemon=$!
 pids+=($daemon)
 
 "${vektctl[@]}" interfaces wlan0,rmnet_data0
+sleep 2  # a couple of main-loop passes: rates measured, ratio rules written
+echo "== vektctl status"
+"${vektctl[@]}" status
 cat <<EOF
 
 == demo root: $root
 == the daemon registered wlan0 and rmnet_data0, mapped their statistics and spreads new
    connections 75/25 (see the RULE lines and "Updated Ratio"). From another terminal try:
+     build/bin/vektctl --root $root status --watch 1
      build/bin/vektctl --root $root sla-uids 10123,10234
      build/bin/vektctl --root $root wifi-gateway 192.168.1.1
      build/bin/vektctl --help

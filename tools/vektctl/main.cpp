@@ -30,6 +30,9 @@
 
 #include "control/control_socket.h"
 #include "base/device_root.h"
+#include "json_value.h"
+#include "status/status_socket.h"
+#include "status_table.h"
 #include "vektctl_args.h"
 
 namespace {
@@ -120,6 +123,68 @@ Outcome sendOnce(const struct sockaddr_un& address, const std::string& path, con
     }
 }
 
+// Reads the whole status document: the daemon sends it and closes the connection.
+bool readStatus(const std::string& path, std::string& document, std::string& error) {
+    struct sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof(address.sun_path)) {
+        error = "socket path " + path + " is too long";
+        return false;
+    }
+    memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    struct timeval timeout = {kReadTimeoutMs / 1000, 0};
+    if (!fd.ok() || setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout)) != 0 ||
+        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout)) != 0 ||
+        connect(fd, reinterpret_cast<const struct sockaddr*>(&address), sizeof(address)) != 0) {
+        error = "cannot connect to " + path + ": " + errorText(errno);
+        return false;
+    }
+    document.clear();
+    char buffer[4096];
+    for (;;) {
+        ssize_t n = recv(fd, buffer, sizeof(buffer), 0);
+        if (n == 0) return true;
+        if (n > 0) {
+            document.append(buffer, static_cast<size_t>(n));
+        } else if (errno != EINTR) {
+            error = "cannot read from " + path + ": " + errorText(errno);
+            return false;
+        }
+    }
+}
+
+// One status read, printed as asked; false when it could not be read or understood.
+bool printStatus(const std::string& path, bool json) {
+    std::string document, error;
+    vektctl::JsonValue status;
+    if (!readStatus(path, document, error)) {
+        fprintf(stderr, "vektctl: %s\n", error.c_str());
+        return false;
+    }
+    if (json) {
+        fputs(document.c_str(), stdout);
+        return true;
+    }
+    if (!vektctl::parseJson(document, status, error)) {
+        fprintf(stderr, "vektctl: the status document is not JSON: %s\n", error.c_str());
+        return false;
+    }
+    fputs(vektctl::formatStatusTable(status).c_str(), stdout);
+    return true;
+}
+
+int runStatus(const vektctl::Request& request) {
+    const std::string path = vekt::DeviceRoot::map(vekt::StatusSocket::kPath);
+    if (request.watchSeconds == 0) return printStatus(path, request.json) ? 0 : 1;
+    for (;;) {  // until interrupted; a daemon that is away is reported and asked again
+        if (!request.json) fputs("\033[H\033[2J", stdout);
+        printStatus(path, request.json);
+        fflush(stdout);
+        sleep(static_cast<unsigned>(request.watchSeconds));
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -136,6 +201,7 @@ int main(int argc, char** argv) {
     }
 
     vekt::DeviceRoot::set(request.root);
+    if (request.status) return runStatus(request);
     const std::string path = vekt::DeviceRoot::map(kControlSocketPath);
     struct sockaddr_un address = {};
     address.sun_family = AF_UNIX;

@@ -98,6 +98,34 @@ bool checkText(int32_t id, const std::string& text, std::string& error) {
     return true;
 }
 
+namespace {
+
+// The options after "status": --json, --watch N (whole seconds, 1 to 3600).
+bool parseStatusOptions(const std::vector<std::string>& args, size_t next, Request& request,
+                        std::string& error) {
+    request.status = true;
+    for (; next < args.size(); ++next) {
+        if (args[next] == "--json") {
+            request.json = true;
+        } else if (args[next] == "--watch") {
+            int32_t seconds = 0;
+            if (next + 1 >= args.size() || !parseInt32(args[next + 1], seconds) || seconds < 1 ||
+                seconds > 3600) {
+                error = "--watch needs a number of seconds from 1 to 3600";
+                return false;
+            }
+            request.watchSeconds = seconds;
+            ++next;
+        } else {
+            error = "status takes --json and --watch N, not \"" + args[next] + "\"";
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
 bool parseCommandLine(const std::vector<std::string>& args, Request& request, std::string& error) {
     request = Request();
     size_t next = 0;
@@ -131,6 +159,7 @@ bool parseCommandLine(const std::vector<std::string>& args, Request& request, st
     }
 
     const std::string& word = args[next++];
+    if (word == "status") return parseStatusOptions(args, next, request, error);
     const CommandInfo* named = findByName(word);
     if (named != nullptr) {
         request.id = named->id;
@@ -172,10 +201,13 @@ std::string usage() {
     std::string text =
         "usage: vektctl [--root DIR] [--raw] [--stay] COMMAND [TEXT]\n"
         "       vektctl [--root DIR] [--raw] [--stay] ID [TEXT]\n"
+        "       vektctl [--root DIR] status [--json] [--watch N]\n"
         "       vektctl --help\n"
         "\n"
         "Sends one control record to the daemon's socket /dev/socket/vekt and waits until\n"
-        "the daemon has read it.\n"
+        "the daemon has read it. `status` instead reads what the daemon is doing now from\n"
+        "/dev/socket/vekt-status: a table (--json: the document as it came; --watch N:\n"
+        "again every N seconds until interrupted).\n"
         "\n"
         "commands:\n";
     for (const CommandInfo& command : kCommands) {

@@ -29,6 +29,10 @@ struct Request {
     bool stay = false;  // --stay: keep the connection until the daemon hangs up
     int32_t id = 0;
     std::string text;
+    // `status [--json] [--watch N]`: read the status socket instead of sending a record.
+    bool status = false;
+    bool json = false;       // print the document as it came
+    int watchSeconds = 0;    // > 0: print it again every so many seconds
 };
 
 // Parses the arguments after the program name. Options come before the command; what
