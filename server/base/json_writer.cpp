@@ -201,6 +201,14 @@ void JsonWriter::appendString(std::string_view text) {
         const size_t length = utf8SequenceLength(text.substr(pos));
         if (length == 1) {
             appendAscii(m_text, static_cast<unsigned char>(text[pos]));
+        } else if (length == 2 && static_cast<unsigned char>(text[pos]) == 0xC2 &&
+                   static_cast<unsigned char>(text[pos + 1]) < 0xA0) {
+            // U+0080 to U+009F: C1 controls (U+009B starts a terminal command), escaped so
+            // the document can be printed as it came.
+            char escaped[8];
+            snprintf(escaped, sizeof(escaped), "\\u%04x",
+                     static_cast<unsigned char>(text[pos + 1]));
+            m_text += escaped;
         } else if (length > 1) {
             m_text.append(text, pos, length);
         } else {

@@ -10,7 +10,7 @@
 namespace vekt {
 
 struct StatusCounters {
-    std::atomic<uint64_t> commandsRun{0};         // wrapper-tool command lines started
+    std::atomic<uint64_t> commandsRun{0};         // wrapper-tool command lines run or tried
     std::atomic<uint64_t> commandsNotStarted{0};  // command lines whose process never ran
     std::atomic<uint64_t> ruleRewrites{0};        // rewrites of the aggregation ratio rules
     std::atomic<uint64_t> selectionSwitches{0};   // moves of the steered traffic to a new link

@@ -122,7 +122,9 @@ std::string statusDocument(const StatusSnapshot& status) {
     writeSelection(json, status);
     writeCounters(json, status.counters);
     json.endObject();
-    return json.text() + "\n";
+    // Every call above is in place, so this holds; should it ever not, a client gets an
+    // empty object rather than half a document.
+    return json.complete() ? json.text() + "\n" : "{}\n";
 }
 
 }  // namespace vekt

@@ -33,7 +33,9 @@ unique_fd bindStatusSocket(const std::string& file) {
         return {};
     }
     memcpy(address.sun_path, file.c_str(), file.size() + 1);
-    unique_fd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    // Non-blocking: a connection that is gone by the time accept runs must not park the
+    // thread in accept, where a stop could not reach it.
+    unique_fd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!listener.ok() || (unlink(address.sun_path) != 0 && errno != ENOENT) ||
         bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
         chmod(address.sun_path, 0660) != 0 || listen(listener, StatusSocket::kBacklog) != 0) {
@@ -99,17 +101,30 @@ void StatusSocket::stop() {
 }
 
 void StatusSocket::serve(Worker& worker) {
+    // While the process is out of descriptors a waiting connection cannot be taken, and
+    // would wake every poll at once: the listener is left out of the wait for a while.
+    constexpr int kOutOfDescriptorsPauseMs = 100;
+    bool listening = true;
     while (!worker.stopRequested()) {
-        pollfd ready[2] = {{listener_.get(), POLLIN, 0}, {wakeup_.get(), POLLIN, 0}};
-        if (poll(ready, 2, -1) < 0) {
-            if (errno == EINTR) continue;
+        pollfd ready[2] = {{wakeup_.get(), POLLIN, 0}, {listener_.get(), POLLIN, 0}};
+        const int waited = poll(ready, listening ? 2 : 1, listening ? -1 : kOutOfDescriptorsPauseMs);
+        if (waited < 0 && errno != EINTR) {
             ALOGE("status socket poll failed: %s", strerror(errno));
             return;
         }
-        if (ready[1].revents != 0) return;
-        if (ready[0].revents == 0) continue;
+        if (ready[0].revents != 0) return;  // stop
+        listening = true;
+        if (waited <= 0 || ready[1].revents == 0) continue;
+        if ((ready[1].revents & (POLLERR | POLLNVAL)) != 0) {
+            ALOGE("status socket failed; no more status clients");
+            return;
+        }
         unique_fd client(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-        if (client.ok()) serveClient(client.get());
+        if (client.ok()) {
+            serveClient(client.get());
+        } else if (errno == EMFILE || errno == ENFILE) {
+            listening = false;
+        }
     }
 }
 

@@ -38,11 +38,13 @@ TEST(JsonWriterTest, EscapesEveryControlByteAndReplacesBrokenUtf8) {
     EXPECT_EQ(written("\xe2\x82x"), R"("\ufffd\ufffdx")");
 
     // Well-formed sequences of every length pass through, the limits included.
-    for (const char* kept : {"\xc2\x80", "\xdf\xbf", "\xe2\x82\xac", "\xed\x9f\xbf",
+    for (const char* kept : {"\xc2\xa0", "\xdf\xbf", "\xe2\x82\xac", "\xed\x9f\xbf",
                              "\xee\x80\x80", "\xf0\x9f\x98\x80", "\xf4\x8f\xbf\xbf"}) {
         EXPECT_EQ(written(kept), "\"" + std::string(kept) + "\"");
     }
     EXPECT_EQ(written(std::string_view("a\0b", 3)), R"("a\u0000b")");
+    // C1 controls are escaped like C0 ones: a terminal takes U+009B for the start of a command.
+    EXPECT_EQ(written("\xc2\x80\xc2\x9b"), R"("\u0080\u009b")");
 }
 
 TEST(JsonWriterTest, PlacesCommasAndNestsScopes) {

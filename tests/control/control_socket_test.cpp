@@ -75,9 +75,15 @@ long measureBlockedCall(const std::function<void()>& block, const std::function<
         pthread_setname_np(pthread_self(), "vekt-measure");
         block();
     });
+    // The same number three reads in a row: under an emulator the thread passes through
+    // calls of the emulator's own (futex) on its way into the blocking one.
     long call = -1;
-    for (int waited = 0; waited < 5000 && (call = blockedCall("vekt-measure")) < 0; waited += 5)
+    for (int waited = 0, same = 0; waited < 5000 && same < 3; waited += 5) {
+        const long now = blockedCall("vekt-measure");
+        same = now >= 0 && now == call ? same + 1 : 1;
+        call = now;
         usleep(5000);
+    }
     release();
     blocked.join();
     return call;

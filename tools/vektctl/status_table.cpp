@@ -15,11 +15,16 @@ const JsonValue kAbsent;
 // A text from the document as the terminal gets it: names and lists came through the
 // control socket, so no control byte reaches the terminal.
 std::string shown(const JsonValue& value, std::string_view fallback = "-") {
-    std::string text = value.asString(fallback);
-    for (char& c : text) {
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+    const std::string text = value.asString(fallback);
+    std::string printable;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        const bool c1 = byte == 0xC2 && i + 1 < text.size() &&
+                        static_cast<unsigned char>(text[i + 1]) < 0xA0;  // U+0080 to U+009F
+        if (c1) ++i;
+        printable += byte < 0x20 || byte == 0x7f || c1 ? '?' : text[i];
     }
-    return text;
+    return printable;
 }
 
 const JsonValue& member(const JsonValue& object, std::string_view key) {
