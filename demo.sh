@@ -3,7 +3,8 @@
 #   slasim      stands in for the kernel statistics module (wlan0 at 1200, rmnet_data0 at
 #               800, in units of 1024 bit/s),
 #   vekt        the daemon, in a private network namespace where one can be made,
-#   vektctl     sends the first interface list, as the platform service would.
+#   vektctl     sends the first interface list, as the platform service would, and then
+#               shows what the daemon made of it (`vektctl status`).
 # The wrapper tools in the demo root print the rules they would apply (lines "RULE ...")
 # instead of touching this machine. Ctrl-C stops everything cleanly.
 set -euo pipefail
