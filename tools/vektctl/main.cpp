@@ -123,15 +123,23 @@ Outcome sendOnce(const struct sockaddr_un& address, const std::string& path, con
     }
 }
 
-// Reads the whole status document: the daemon sends it and closes the connection.
-bool readStatus(const std::string& path, std::string& document, std::string& error) {
-    struct sockaddr_un address = {};
+// The address of a socket file; false with the reason when the path does not fit one.
+bool socketAddress(const std::string& path, struct sockaddr_un& address, std::string& error) {
+    address = {};
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof(address.sun_path)) {
-        error = "socket path " + path + " is too long";
+        error = "socket path " + path + " is longer than " +
+                std::to_string(sizeof(address.sun_path) - 1) + " bytes";
         return false;
     }
     memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    return true;
+}
+
+// Reads the whole status document: the daemon sends it and closes the connection.
+bool readStatus(const std::string& path, std::string& document, std::string& error) {
+    struct sockaddr_un address;
+    if (!socketAddress(path, address, error)) return false;
     unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     struct timeval timeout = {kReadTimeoutMs / 1000, 0};
     if (!fd.ok() || setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout)) != 0 ||
@@ -203,14 +211,11 @@ int main(int argc, char** argv) {
     vekt::DeviceRoot::set(request.root);
     if (request.status) return runStatus(request);
     const std::string path = vekt::DeviceRoot::map(kControlSocketPath);
-    struct sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof(address.sun_path)) {
-        fprintf(stderr, "vektctl: socket path %s is longer than %zu bytes\n", path.c_str(),
-                sizeof(address.sun_path) - 1);
+    struct sockaddr_un address;
+    if (!socketAddress(path, address, error)) {
+        fprintf(stderr, "vektctl: %s\n", error.c_str());
         return 1;
     }
-    memcpy(address.sun_path, path.c_str(), path.size() + 1);
 
     const msg_t record = vektctl::makeRecord(request.id, request.text);
     for (int attempt = 1; attempt <= kMaxAttempts; ++attempt) {

@@ -95,7 +95,7 @@ Row interfaceRow(const JsonValue& link, const JsonValue& probes, const std::stri
     const std::string name = shown(member(link, "name"), "?");
     const bool aggregated = member(link, "aggregated").asBool();
     const JsonValue* probe = probeOf(probes, name);
-    const JsonValue& none = kAbsent;
+    const JsonValue& tracker = probe != nullptr ? *probe : kAbsent;  // its fields, or none
     return {(name == selected ? "*" : " ") + name,
             shown(member(link, "fwmark")),
             shown(member(link, "route_table")),
@@ -106,10 +106,10 @@ Row interfaceRow(const JsonValue& link, const JsonValue& probes, const std::stri
             aggregated ? integerText(member(link, "history_max")) : "-",
             aggregated ? fixedText(member(link, "ratio"), "%.3f") : "-",
             fixedText(member(link, "installed_probability"), "%.3f"),
-            integerText(probe != nullptr ? member(*probe, "speed_ms") : none),
-            integerText(probe != nullptr ? member(*probe, "level") : none),
-            integerText(probe != nullptr ? member(*probe, "miss_count") : none),
-            integerText(probe != nullptr ? member(*probe, "rtt_offset_ms") : none),
+            integerText(member(tracker, "speed_ms")),
+            integerText(member(tracker, "level")),
+            integerText(member(tracker, "miss_count")),
+            integerText(member(tracker, "rtt_offset_ms")),
             probeState(probe)};
 }
 
